@@ -13,7 +13,7 @@ Recording sampleRecording(const QString &folder)
     r.id = QUuid::createUuid();
     r.title = QStringLiteral("Weekly sync");
     r.source = RecordingSource::systemAudio;
-    r.startedAt = QDateTime(QDate(2025, 3, 4), QTime(12, 5, 9), QTimeZone::UTC);
+    r.startedAt = QDateTime(QDate(2025, 3, 4), QTime(12, 5, 9), Qt::UTC);
     r.duration = 3725.5;
     r.mediaFileName = QStringLiteral("2025-03-04 13-05 Online Meeting.m4a");
     r.hasVideo = false;
@@ -23,7 +23,7 @@ Recording sampleRecording(const QString &folder)
     r.transcriptState = TranscriptState::done;
     r.transcriptEngine = QStringLiteral("Deepgram");
     r.lastError = QStringLiteral("Deepgram error 401: Invalid credentials.");
-    r.driveSyncedAt = QDateTime(QDate(2025, 3, 4), QTime(14, 0, 0), QTimeZone::UTC);
+    r.driveSyncedAt = QDateTime(QDate(2025, 3, 4), QTime(14, 0, 0), Qt::UTC);
     r.folder = QUrl::fromLocalFile(folder);
     return r;
 }
@@ -34,7 +34,7 @@ Transcript sampleTranscript()
     t.engine = QStringLiteral("Deepgram");
     t.model = QStringLiteral("nova-3");
     t.language = QStringLiteral("en");
-    t.createdAt = QDateTime(QDate(2025, 3, 4), QTime(14, 1, 2), QTimeZone::UTC);
+    t.createdAt = QDateTime(QDate(2025, 3, 4), QTime(14, 1, 2), Qt::UTC);
     t.segments = {
         {QUuid::createUuid(), 0.0, 4.2, QStringLiteral("Me"), QStringLiteral("Good morning.")},
         {QUuid::createUuid(), 4.2, 9.9, QStringLiteral("Speaker 1"), QStringLiteral("Morning, shall we start?")},
