@@ -121,7 +121,10 @@ private:
     QDateTime parseDate(const QString &key, const QString &text)
     {
         QDateTime when = QDateTime::fromString(text, Qt::ISODate);
-        if (!when.isValid() && !m_error)
+        // A date that can't be written back (outside years 1–9999 in UTC) would make the next save drop the
+        // file from the library, so it is refused here instead.
+        const int year = when.isValid() ? when.toUTC().date().year() : 0;
+        if ((year < 1 || year > 9999) && !m_error)
             note(DecodeError::Kind::wrongType, key);
         return when;
     }

@@ -1,0 +1,95 @@
+#pragma once
+
+#include "capture/captureconfiguration.h"
+#include "capture/capturefailure.h"
+#include "capture/capturequeue.h"
+#include "capture/hostclock.h"
+#include "capture/mediasample.h"
+#include "library/result.h"
+
+#include <QCoroTask>
+#include <QObject>
+
+#include <array>
+#include <memory>
+#include <optional>
+
+namespace qm {
+
+class ProcessList;
+class ScreenSource;
+class SoundServer;
+class TrackWriter;
+
+// Which tracks a stopped capture completed.
+struct CaptureResult {
+    bool meeting = false;
+    bool microphone = false;
+    bool screen = false;
+    bool operator==(const CaptureResult &) const = default;
+};
+
+// Runs one live capture: meeting audio, microphone and screen into their own track files on one clock, with
+// pauses left out, the microphone silenced while muted, and both audio levels metered.
+//
+// Lives on the main thread. Samples arrive on the sound server's and screen source's threads and are handled
+// on the capture queue "app.quillmoor.capture", the only place the capture state changes. levelsChanged and
+// failed are emitted on the main thread. One engine serves one capture.
+class CaptureEngine : public QObject {
+    Q_OBJECT
+
+public:
+    enum class Kind { meeting, microphone, screen };
+
+    CaptureEngine(SoundServer &sound, ScreenSource *screen, ProcessList &processes, const HostClock &clock,
+                  QObject *parent = nullptr);
+    ~CaptureEngine() override;
+
+    // Opens the tracks and sources and starts writing. On failure nothing keeps running; track files already
+    // made are removed with the engine.
+    QCoro::Task<expected<void, CaptureFailure>> start(CaptureConfiguration configuration);
+    // Applied on the capture queue; return at once.
+    void setPaused(bool paused);
+    void setMicrophoneMuted(bool muted);
+    // Stops every source, then completes the track files. Never fails.
+    QCoro::Task<CaptureResult> stop();
+
+    // What is being filmed ("Zoom meeting window" or a display's name), once started with video.
+    QString videoDescription() const { return m_videoDescription; }
+
+    // The parts of the work that block (opening devices, completing files), for callers off the main thread.
+    expected<void, CaptureFailure> startBlocking(const CaptureConfiguration &configuration);
+    CaptureResult stopBlocking();
+
+    // Level of interleaved float audio: RMS in dBFS mapped so that -60 dB and below is 0 and full scale is 1.
+    static float level(const float *samples, std::size_t count);
+
+Q_SIGNALS:
+    void levelsChanged(float microphone, float meeting);
+    void failed(const QString &reason);
+
+private:
+    struct State;
+
+    expected<void, CaptureFailure> openVideo(const CaptureConfiguration &configuration,
+                                             const QList<int> &zoomProcesses);
+    void handle(Kind kind, AudioChunk chunk);
+    void handle(VideoFrame frame);
+    // Shared by both kinds of sample; false when the sample is not to be written. Runs on the queue.
+    bool admit(Kind kind, Nanoseconds &pts, const AudioChunk *audio);
+    void reportLevelsIfDue();
+    void reportFailure(const QString &reason);
+
+    SoundServer &m_sound;
+    ScreenSource *m_screen;
+    ProcessList &m_processes;
+    const HostClock &m_clock;
+    std::unique_ptr<CaptureQueue> m_queue;
+    std::unique_ptr<State> m_state; // touched only on m_queue once capture runs
+    std::array<std::unique_ptr<TrackWriter>, 3> m_writers;
+    QString m_videoDescription;
+    bool m_soundStarted = false;
+    bool m_screenStarted = false;
+};
+
+} // namespace qm
