@@ -61,6 +61,12 @@ public:
     expected<void, CaptureFailure> startBlocking(const CaptureConfiguration &configuration);
     CaptureResult stopBlocking();
 
+    // Waits until every sample handed over so far has been handled on the capture queue.
+    void drain()
+    {
+        m_queue->sync([] {});
+    }
+
     // Level of interleaved float audio: RMS in dBFS mapped so that -60 dB and below is 0 and full scale is 1.
     static float level(const float *samples, std::size_t count);
 
