@@ -23,6 +23,7 @@ struct X11ScreenSource::Grab {
     int height = 0;
     std::function<void(VideoFrame)> deliver;
     std::function<void(QString)> failed;
+    bool window = false;
 };
 
 namespace {
@@ -57,8 +58,7 @@ QString openFailure(int code)
 
 X11ScreenSource::X11ScreenSource(QString displayName)
     : m_displayName(std::move(displayName)), m_desktop(std::make_unique<x11::Desktop>(m_displayName))
-{
-}
+{}
 
 X11ScreenSource::~X11ScreenSource()
 {
@@ -150,12 +150,12 @@ expected<void, QString> X11ScreenSource::start(const VideoTarget &target, int fp
     const AVCodecParameters *parameters = input->nb_streams > 0 ? input->streams[0]->codecpar : nullptr;
     // The frames carry the server's pixels untouched, which is BGRX only on 24- and 32-bit visuals.
     if (!parameters || parameters->codec_id != AV_CODEC_ID_RAWVIDEO ||
-        (parameters->format != AV_PIX_FMT_BGR0 && parameters->format != AV_PIX_FMT_BGRA) ||
-        parameters->width <= 0 || parameters->height <= 0)
+        (parameters->format != AV_PIX_FMT_BGR0 && parameters->format != AV_PIX_FMT_BGRA) || parameters->width <= 0 ||
+        parameters->height <= 0)
         return unexpected(QStringLiteral("Screen recording needs a display with 24-bit colour."));
 
     m_grab = std::make_unique<Grab>(Grab{std::move(input), parameters->width, parameters->height, std::move(deliver),
-                                         std::move(failed)});
+                                         std::move(failed), target.kind == VideoTarget::Kind::window});
     m_stopping = false;
     m_thread.reset(QThread::create([this] { run(*m_grab); }));
     m_thread->setObjectName(QStringLiteral("app.quillmoor.screen"));
@@ -184,7 +184,9 @@ void X11ScreenSource::run(Grab &grab)
             if (m_stopping.load())
                 break;
             logLine(QStringLiteral("Screen grab stopped: %1").arg(ff::errorText(result)));
-            grab.failed(QStringLiteral("Filming the screen stopped (%1).").arg(ff::errorText(result)));
+            // A window that closes or shrinks away is the usual cause, and one the user can make sense of.
+            grab.failed(grab.window ? QStringLiteral("Filming stopped because the window being filmed closed.")
+                                    : QStringLiteral("Filming the screen stopped (%1).").arg(ff::errorText(result)));
             break;
         }
         // Stamped as read: the device's own timestamps are wall-clock, not the host clock.
