@@ -157,7 +157,8 @@ struct PulseSoundServer::Connection {
         pa_stream *handle = pa_stream_new(context.get(), title, &spec, nullptr);
         if (!handle)
             return nullptr;
-        auto stream = std::make_unique<Stream>(Stream{this, handle, role, sinkInput, channels, nextMixerId++, false, 0, {}});
+        auto stream =
+            std::make_unique<Stream>(Stream{this, handle, role, sinkInput, channels, nextMixerId++, false, 0, {}});
         if (sinkInput != PA_INVALID_INDEX)
             pa_stream_set_monitor_stream(handle, sinkInput);
         pa_stream_set_read_callback(handle, &Connection::readable, stream.get());
