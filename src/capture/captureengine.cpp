@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <thread>
 
 namespace qm {
 
@@ -223,10 +224,20 @@ CaptureResult CaptureEngine::stopBlocking()
     for (std::size_t i = 0; i < m_writers.size(); ++i) {
         if (m_writers[i]) {
             *done[i] = m_writers[i]->finish();
+            result.droppedSamples += m_writers[i]->droppedCount();
             m_writers[i].reset();
         }
     }
     return result;
+}
+
+void CaptureEngine::drain()
+{
+    m_queue->sync([] {});
+    for (const auto &writer : m_writers) {
+        while (writer && writer->status() == WriterStatus::writing && writer->pendingCount() > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 void CaptureEngine::setPaused(bool paused)

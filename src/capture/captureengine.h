@@ -26,7 +26,12 @@ struct CaptureResult {
     bool meeting = false;
     bool microphone = false;
     bool screen = false;
-    bool operator==(const CaptureResult &) const = default;
+    std::int64_t droppedSamples = 0; // refused by the writers because they were full or out of order
+
+    bool operator==(const CaptureResult &other) const
+    {
+        return meeting == other.meeting && microphone == other.microphone && screen == other.screen;
+    }
 };
 
 // Runs one live capture: meeting audio, microphone and screen into their own track files on one clock, with
@@ -61,11 +66,8 @@ public:
     expected<void, CaptureFailure> startBlocking(const CaptureConfiguration &configuration);
     CaptureResult stopBlocking();
 
-    // Waits until every sample handed over so far has been handled on the capture queue.
-    void drain()
-    {
-        m_queue->sync([] {});
-    }
+    // Waits until every sample handed over so far has been handled on the capture queue and encoded.
+    void drain();
 
     // Level of interleaved float audio: RMS in dBFS mapped so that -60 dB and below is 0 and full scale is 1.
     static float level(const float *samples, std::size_t count);

@@ -63,7 +63,6 @@ expected<std::unique_ptr<TrackWriter>, QString> TrackWriter::createAudio(const Q
     std::unique_ptr<TrackWriter> writer(new TrackWriter);
     writer->m_path = path;
     writer->m_encoder->track = std::move(*track);
-    writer->m_depth = kAudioQueueDepth;
     return writer;
 }
 
@@ -76,7 +75,7 @@ expected<std::unique_ptr<TrackWriter>, QString> TrackWriter::createVideo(const Q
     std::unique_ptr<TrackWriter> writer(new TrackWriter);
     writer->m_path = path;
     writer->m_encoder->track = std::move(*track);
-    writer->m_depth = kVideoQueueDepth;
+    writer->m_video = true;
     return writer;
 }
 
@@ -103,7 +102,8 @@ bool TrackWriter::admit(Nanoseconds pts, Nanoseconds duration)
     }
     {
         const std::lock_guard lock(m_mutex);
-        if (m_queue.size() >= m_depth) {
+        const bool full = m_video ? m_queue.size() >= kVideoQueueDepth : m_queuedLength + duration > kAudioQueueLength;
+        if (full) {
             m_dropped.fetch_add(1);
             return false;
         }
@@ -112,11 +112,12 @@ bool TrackWriter::admit(Nanoseconds pts, Nanoseconds duration)
     return true;
 }
 
-void TrackWriter::enqueue(Sample sample)
+void TrackWriter::enqueue(Sample sample, Nanoseconds duration)
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_queue.push_back(std::move(sample));
+        m_queue.emplace_back(std::move(sample), duration);
+        m_queuedLength += duration;
     }
     m_appended.fetch_add(1);
     m_wake.notify_one();
@@ -124,14 +125,15 @@ void TrackWriter::enqueue(Sample sample)
 
 void TrackWriter::append(AudioChunk chunk)
 {
-    if (admit(chunk.pts, chunk.duration()))
-        enqueue(std::move(chunk));
+    const Nanoseconds duration = chunk.duration();
+    if (admit(chunk.pts, duration))
+        enqueue(std::move(chunk), duration);
 }
 
 void TrackWriter::append(VideoFrame frame)
 {
     if (admit(frame.pts, 0))
-        enqueue(std::move(frame));
+        enqueue(std::move(frame), 0);
 }
 
 std::size_t TrackWriter::pendingCount()
@@ -149,7 +151,8 @@ void TrackWriter::run()
             m_wake.wait(lock, [this] { return !m_queue.empty() || m_closing; });
             if (m_queue.empty())
                 return;
-            sample = std::move(m_queue.front());
+            sample = std::move(m_queue.front().first);
+            m_queuedLength -= m_queue.front().second;
             m_queue.pop_front();
         }
         if (m_status.load() != WriterStatus::writing)

@@ -68,8 +68,9 @@ public:
     // Samples handed over and not yet encoded.
     std::size_t pendingCount();
 
-    // Samples the hand-off holds before it counts as full.
-    static constexpr std::size_t kAudioQueueDepth = 256;
+    // How much the hand-off holds before it counts as full: seconds of audio (chunk sizes vary with the sound
+    // server), pictures of video.
+    static constexpr Nanoseconds kAudioQueueLength = 3 * kNanosecondsPerSecond;
     static constexpr std::size_t kVideoQueueDepth = 6;
 
 private:
@@ -78,13 +79,13 @@ private:
 
     TrackWriter();
     bool admit(Nanoseconds pts, Nanoseconds duration);
-    void enqueue(Sample sample);
+    void enqueue(Sample sample, Nanoseconds duration);
     void run();
     void fail(const QString &reason);
 
     QString m_path;
     std::unique_ptr<Encoder> m_encoder;
-    std::size_t m_depth = kAudioQueueDepth;
+    bool m_video = false;
 
     std::atomic<WriterStatus> m_status{WriterStatus::unknown};
     std::atomic<std::int64_t> m_received{0};
@@ -94,7 +95,8 @@ private:
 
     std::mutex m_mutex;
     std::condition_variable m_wake;
-    std::deque<Sample> m_queue;
+    std::deque<std::pair<Sample, Nanoseconds>> m_queue;
+    Nanoseconds m_queuedLength = 0; // audio waiting in m_queue
     bool m_closing = false;
     QString m_error; // guarded by m_mutex
     std::thread m_thread;

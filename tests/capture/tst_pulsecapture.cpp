@@ -1,6 +1,7 @@
 #include "capture/captureengine.h"
 #include "capture/proc/zoomprocesses.h"
 #include "capture/pulse/pulsesoundserver.h"
+#include "capture/x11/x11screensource.h"
 #include "support/capture/mediaprobe.h"
 
 #include <QCoroTask>
@@ -224,6 +225,57 @@ private Q_SLOTS:
         QCOMPARE(failures.first().first().toString(),
                  QStringLiteral("The microphone stopped sending sound. Was it unplugged?"));
         QVERIFY(QCoro::waitFor(engine.stop()).microphone); // what was recorded before is kept
+    }
+
+    void screenAndSoundAreCapturedTogether()
+    {
+        if (qEnvironmentVariableIsEmpty("DISPLAY"))
+            QSKIP("No X display: run the suite through ./scripts/test.");
+        // A window of one known colour over the whole screen (there is no window manager to move it).
+        QProcess painter;
+        painter.start(QStringLiteral("xmessage"),
+                      {QStringLiteral("-bg"), QStringLiteral("#1e50c8"), QStringLiteral("-geometry"),
+                       QStringLiteral("1920x1080+0+0"), QStringLiteral(" ")});
+        QVERIFY(painter.waitForStarted());
+        auto close = qScopeGuard([&] {
+            painter.kill();
+            painter.waitForFinished();
+        });
+        QTest::qWait(500);
+        const QString tone = sound(QStringLiteral("tone2.wav"), QStringLiteral("2 sine 550"));
+        PulseSoundServer server(m_clock);
+        X11ScreenSource screen;
+        CaptureEngine engine(server, &screen, m_processes, m_clock);
+        CaptureConfiguration c = configuration(QStringLiteral("filmed"), RecordingSource::systemAudio, false);
+        c.captureVideo = true;
+        c.frameRate = 10;
+        const auto started = QCoro::waitFor(engine.start(c));
+        QVERIFY2(started, started ? "" : qPrintable(started.error().description()));
+        QVERIFY(!engine.videoDescription().isEmpty());
+        play(QStringLiteral("paplay"), QStringLiteral("speakers"), tone)->waitForFinished(10000);
+        const CaptureResult result = QCoro::waitFor(engine.stop());
+        QVERIFY(result.meeting && result.screen);
+
+        const QString movie = c.screenURL.toLocalFile();
+        QCOMPARE(codecName(movie, "v"), QStringLiteral("h264"));
+        QVERIFY2(std::fabs(mediaSeconds(movie) - mediaSeconds(track(c))) < 0.5,
+                 qPrintable(QStringLiteral("%1 vs %2").arg(mediaSeconds(movie)).arg(mediaSeconds(track(c)))));
+        QProcess frame;
+        frame.start(QStringLiteral("ffmpeg"),
+                    {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), movie,
+                     QStringLiteral("-frames:v"), QStringLiteral("1"), QStringLiteral("-f"), QStringLiteral("rawvideo"),
+                     QStringLiteral("-pix_fmt"), QStringLiteral("rgb24"), QStringLiteral("-")});
+        frame.waitForFinished(60000);
+        const QByteArray rgb = frame.readAllStandardOutput();
+        QCOMPARE(rgb.size(), 1920 * 1080 * 3);
+        const auto at = std::size_t(100 * 1920 + 100) * 3; // away from the message's text
+        QVERIFY2(std::abs(int(quint8(rgb[qsizetype(at)])) - 0x1e) < 12 &&
+                     std::abs(int(quint8(rgb[qsizetype(at + 1)])) - 0x50) < 12 &&
+                     std::abs(int(quint8(rgb[qsizetype(at + 2)])) - 0xc8) < 12,
+                 qPrintable(QStringLiteral("%1 %2 %3")
+                                .arg(quint8(rgb[qsizetype(at)]))
+                                .arg(quint8(rgb[qsizetype(at + 1)]))
+                                .arg(quint8(rgb[qsizetype(at + 2)]))));
     }
 
     void aMonitorIsNeverAMicrophone()

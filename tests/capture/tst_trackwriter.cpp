@@ -48,7 +48,7 @@ void feed(TrackWriter &writer, double seconds, Nanoseconds offset = 0)
 {
     const int chunks = int(seconds * 100);
     for (int i = 0; i < chunks; ++i) {
-        while (writer.pendingCount() > TrackWriter::kAudioQueueDepth / 2)
+        while (writer.pendingCount() > 100) // a second of 10 ms chunks
             QThread::msleep(1);
         writer.append(tone(kSession + offset + Nanoseconds(i) * kSecond / 100, 480));
     }
