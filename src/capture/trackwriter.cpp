@@ -54,29 +54,28 @@ TrackWriter::~TrackWriter()
     }
 }
 
-expected<std::unique_ptr<TrackWriter>, QString> TrackWriter::createAudio(const QString &path, AudioSettings settings)
+expected<std::unique_ptr<TrackWriter>, QString>
+TrackWriter::wrap(const QString &path, bool video, expected<std::unique_ptr<ff::TrackEncoder>, QString> track)
 {
-    QFile::remove(path);
-    auto track = ff::TrackEncoder::openAudio(path, settings);
     if (!track)
         return unexpected(QStringLiteral("Couldn't create “%1”: %2").arg(QFileInfo(path).fileName(), track.error()));
     std::unique_ptr<TrackWriter> writer(new TrackWriter);
     writer->m_path = path;
     writer->m_encoder->track = std::move(*track);
+    writer->m_video = video;
     return writer;
+}
+
+expected<std::unique_ptr<TrackWriter>, QString> TrackWriter::createAudio(const QString &path, AudioSettings settings)
+{
+    QFile::remove(path);
+    return wrap(path, false, ff::TrackEncoder::openAudio(path, settings));
 }
 
 expected<std::unique_ptr<TrackWriter>, QString> TrackWriter::createVideo(const QString &path, VideoSettings settings)
 {
     QFile::remove(path);
-    auto track = ff::TrackEncoder::openVideo(path, settings);
-    if (!track)
-        return unexpected(QStringLiteral("Couldn't create “%1”: %2").arg(QFileInfo(path).fileName(), track.error()));
-    std::unique_ptr<TrackWriter> writer(new TrackWriter);
-    writer->m_path = path;
-    writer->m_encoder->track = std::move(*track);
-    writer->m_video = true;
-    return writer;
+    return wrap(path, true, ff::TrackEncoder::openVideo(path, settings));
 }
 
 void TrackWriter::start(Nanoseconds sessionStart)

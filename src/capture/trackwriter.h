@@ -16,6 +16,10 @@
 
 namespace qm {
 
+namespace ff {
+class TrackEncoder;
+}
+
 // The numbers match what the finish log line prints.
 enum class WriterStatus { unknown = 0, writing = 1, completed = 2, failed = 3, cancelled = 4 };
 
@@ -75,6 +79,8 @@ public:
 
 private:
     struct Encoder;
+    static expected<std::unique_ptr<TrackWriter>, QString>
+    wrap(const QString &path, bool video, expected<std::unique_ptr<ff::TrackEncoder>, QString> track);
     using Sample = std::variant<AudioChunk, VideoFrame>;
 
     TrackWriter();

@@ -1,4 +1,5 @@
 #include "capture/mediaprocessor.h"
+#include "support/capture/mediaprobe.h"
 
 #include <QCoroTask>
 #include <QCryptographicHash>
@@ -13,6 +14,7 @@
 #include <cmath>
 
 using namespace qm;
+using namespace qm::test;
 
 namespace {
 
@@ -52,36 +54,6 @@ QStringList silence(double seconds, int channels)
 }
 
 const QStringList kAac{QStringLiteral("-c:a"), QStringLiteral("aac"), QStringLiteral("-b:a"), QStringLiteral("128k")};
-
-QJsonObject probe(const QString &path, const char *selector)
-{
-    const QByteArray json =
-        runTool(QStringLiteral("ffprobe"),
-                {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-select_streams"),
-                 QLatin1String(selector), QStringLiteral("-show_streams"), QStringLiteral("-show_format"),
-                 QStringLiteral("-of"), QStringLiteral("json"), path});
-    const QJsonObject root = QJsonDocument::fromJson(json).object();
-    QJsonObject stream = root.value(QLatin1String("streams")).toArray().first().toObject();
-    stream.insert(QLatin1String("format_duration"),
-                  root.value(QLatin1String("format")).toObject().value(QLatin1String("duration")));
-    return stream;
-}
-
-// Seconds at which the audio first rises above a quiet level, from a mono 8 kHz decode.
-double onset(const QString &path)
-{
-    const QByteArray pcm =
-        runTool(QStringLiteral("ffmpeg"),
-                {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path, QStringLiteral("-f"),
-                 QStringLiteral("f32le"), QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-ar"),
-                 QStringLiteral("8000"), QStringLiteral("-")});
-    const auto *samples = reinterpret_cast<const float *>(pcm.constData());
-    for (qsizetype i = 0; i < pcm.size() / qsizetype(sizeof(float)); ++i) {
-        if (std::fabs(samples[i]) > 0.1f)
-            return double(i) / 8000.0;
-    }
-    return -1;
-}
 
 QStringList videoPacketHashes(const QString &path)
 {
@@ -142,7 +114,7 @@ private Q_SLOTS:
         QVERIFY2(name, name ? "" : qPrintable(name.error().description()));
         QCOMPARE(*name, QStringLiteral("2024-05-01 Standup.m4a"));
         const QString output = QDir(r.folderPath()).filePath(*name);
-        const QJsonObject audio = probe(output, "a");
+        const QJsonObject audio = streamInfo(output, "a");
         QCOMPARE(audio.value(QLatin1String("codec_name")).toString(), QStringLiteral("aac"));
         QCOMPARE(audio.value(QLatin1String("channels")).toInt(), 2);
         QCOMPARE(audio.value(QLatin1String("sample_rate")).toString(), QStringLiteral("48000"));
@@ -157,13 +129,13 @@ private Q_SLOTS:
 
         const auto name = QCoro::waitFor(m_processor.buildFinalMedia(r, AudioQuality::lossless));
         QVERIFY(name);
-        const QJsonObject final = probe(QDir(r.folderPath()).filePath(*name), "a");
+        const QJsonObject final = streamInfo(QDir(r.folderPath()).filePath(*name), "a");
         QCOMPARE(final.value(QLatin1String("codec_name")).toString(), QStringLiteral("alac"));
         QCOMPARE(final.value(QLatin1String("channels")).toInt(), 2);
 
         const QString speech = m_dir.filePath(QStringLiteral("speech.m4a"));
         QVERIFY(QCoro::waitFor(m_processor.exportSpeechAudio(r.audioSourceURLs(), QUrl::fromLocalFile(speech))));
-        const QJsonObject small = probe(speech, "a");
+        const QJsonObject small = streamInfo(speech, "a");
         QCOMPARE(small.value(QLatin1String("codec_name")).toString(), QStringLiteral("aac"));
         QCOMPARE(small.value(QLatin1String("channels")).toInt(), 1);
         QCOMPARE(small.value(QLatin1String("sample_rate")).toString(), QStringLiteral("16000"));
@@ -183,7 +155,7 @@ private Q_SLOTS:
         QVERIFY2(name, name ? "" : qPrintable(name.error().description()));
         QCOMPARE(*name, QStringLiteral("With screen.mp4"));
         const QString output = QDir(r.folderPath()).filePath(*name);
-        QCOMPARE(probe(output, "a").value(QLatin1String("codec_name")).toString(), QStringLiteral("aac"));
+        QCOMPARE(streamInfo(output, "a").value(QLatin1String("codec_name")).toString(), QStringLiteral("aac"));
         QCOMPARE(MediaProcessor::finalAudioSettings(AudioQuality::lossless, true).bitRate, 256000);
         const QStringList source = videoPacketHashes(track(r, "screen.mov"));
         QCOMPARE(source.size(), 45);
@@ -211,9 +183,9 @@ private Q_SLOTS:
         const auto done = QCoro::waitFor(
             m_processor.exportSpeechAudio(r.audioSourceURLs(), QUrl::fromLocalFile(speech), TimeRange{3.0, 4.0}));
         QVERIFY(done);
-        const QJsonObject audio = probe(speech, "a");
-        QVERIFY2(std::fabs(audio.value(QLatin1String("format_duration")).toString().toDouble() - 4.0) < 0.1,
-                 qPrintable(audio.value(QLatin1String("format_duration")).toString()));
+        const QJsonObject audio = streamInfo(speech, "a");
+        QVERIFY2(std::fabs(audio.value(QLatin1String("format_duration")).toDouble() - 4.0) < 0.1,
+                 qPrintable(QString::number(audio.value(QLatin1String("format_duration")).toDouble())));
         QVERIFY2(std::fabs(onset(speech) - 2.0) < 0.05, qPrintable(QString::number(onset(speech))));
     }
 

@@ -1,4 +1,5 @@
 #include "capture/trackwriter.h"
+#include "support/capture/mediaprobe.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -11,6 +12,7 @@
 #include <cstdlib>
 
 using namespace qm;
+using namespace qm::test;
 
 namespace {
 
@@ -54,39 +56,6 @@ void feed(TrackWriter &writer, double seconds, Nanoseconds offset = 0)
     }
 }
 
-QJsonObject probe(const QString &path)
-{
-    QProcess process;
-    process.start(QStringLiteral("ffprobe"),
-                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_streams"),
-                   QStringLiteral("-show_format"), QStringLiteral("-of"), QStringLiteral("json"), path});
-    process.waitForFinished(60000);
-    const QJsonObject root = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
-    QJsonObject stream = root.value(QLatin1String("streams")).toArray().first().toObject();
-    stream.insert(
-        QLatin1String("seconds"),
-        root.value(QLatin1String("format")).toObject().value(QLatin1String("duration")).toString().toDouble());
-    return stream;
-}
-
-// Decodes a file to mono 8 kHz and returns when it first gets loud.
-double onset(const QString &path)
-{
-    QProcess process;
-    process.start(QStringLiteral("ffmpeg"),
-                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path, QStringLiteral("-f"),
-                   QStringLiteral("f32le"), QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-ar"),
-                   QStringLiteral("8000"), QStringLiteral("-")});
-    process.waitForFinished(60000);
-    const QByteArray pcm = process.readAllStandardOutput();
-    const auto *samples = reinterpret_cast<const float *>(pcm.constData());
-    for (qsizetype i = 0; i < pcm.size() / 4; ++i) {
-        if (std::fabs(samples[i]) > 0.2f)
-            return double(i) / 8000.0;
-    }
-    return -1;
-}
-
 bool isChild()
 {
     return qEnvironmentVariableIsSet("QM_WRITER_CHILD");
@@ -117,12 +86,13 @@ private Q_SLOTS:
         QCOMPARE((*writer)->appendedCount(), 300);
         QCOMPARE((*writer)->droppedCount(), 1);
 
-        const QJsonObject stream = probe(path("late.m4a"));
+        const QJsonObject stream = streamInfo(path("late.m4a"));
         QCOMPARE(stream.value(QLatin1String("codec_name")).toString(), QStringLiteral("aac"));
         QCOMPARE(stream.value(QLatin1String("channels")).toInt(), 2);
-        QVERIFY2(std::fabs(stream.value(QLatin1String("seconds")).toDouble() - 4.0) < 0.05,
-                 qPrintable(QString::number(stream.value(QLatin1String("seconds")).toDouble())));
-        QVERIFY2(std::fabs(onset(path("late.m4a")) - 1.0) < 0.01, qPrintable(QString::number(onset(path("late.m4a")))));
+        QVERIFY2(std::fabs(stream.value(QLatin1String("format_duration")).toDouble() - 4.0) < 0.05,
+                 qPrintable(QString::number(stream.value(QLatin1String("format_duration")).toDouble())));
+        QVERIFY2(std::fabs(onset(path("late.m4a"), 0.2f) - 1.0) < 0.01,
+                 qPrintable(QString::number(onset(path("late.m4a"), 0.2f))));
     }
 
     void timeNeverRunsBackwards()
@@ -145,7 +115,7 @@ private Q_SLOTS:
         writer.append(tone(kSession + kSecond + kSecond / 600, 480, 1));
         QCOMPARE(writer.appendedCount(), 4);
         QVERIFY(writer.finish());
-        QCOMPARE(probe(path("order.m4a")).value(QLatin1String("codec_name")).toString(), QStringLiteral("alac"));
+        QCOMPARE(streamInfo(path("order.m4a")).value(QLatin1String("codec_name")).toString(), QStringLiteral("alac"));
     }
 
     void aTrackWithNothingWrittenLeavesNoFile()
@@ -181,7 +151,7 @@ private Q_SLOTS:
             child.start(QCoreApplication::applicationFilePath(),
                         {QStringLiteral("aCrashLeavesEverythingUpToTheLastFragment")});
             QVERIFY(child.waitForFinished(120000));
-            const double seconds = probe(path("crashed.m4a")).value(QLatin1String("seconds")).toDouble();
+            const double seconds = streamInfo(path("crashed.m4a")).value(QLatin1String("format_duration")).toDouble();
             QVERIFY2(seconds >= 19.9 && seconds <= 25.0, qPrintable(QString::number(seconds)));
             return;
         }
@@ -236,7 +206,7 @@ private Q_SLOTS:
             (*writer)->append(next);
         }
         QVERIFY((*writer)->finish());
-        const QJsonObject stream = probe(path("screen.mov"));
+        const QJsonObject stream = streamInfo(path("screen.mov"), "v");
         QCOMPARE(stream.value(QLatin1String("codec_name")).toString(), QStringLiteral("h264"));
         QCOMPARE(stream.value(QLatin1String("width")).toInt(), 1920);
         QCOMPARE(stream.value(QLatin1String("height")).toInt(), 1080);

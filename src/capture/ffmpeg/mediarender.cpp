@@ -1,5 +1,6 @@
 #include "capture/ffmpeg/mediarender.h"
 
+#include "capture/ffmpeg/audioencoding.h"
 #include "capture/ffmpeg/ffmpegptr.h"
 #include "capture/ffmpeg/timelineaudiosource.h"
 #include "library/log.h"
@@ -86,25 +87,12 @@ class AudioEncoder {
 public:
     QString open(AVFormatContext *output, const AudioSettings &settings)
     {
-        const bool alac = settings.codec == AudioSettings::Codec::alac;
-        const AVCodec *codec = avcodec_find_encoder(alac ? AV_CODEC_ID_ALAC : AV_CODEC_ID_AAC);
-        if (!codec)
-            return QStringLiteral("writer");
-        m_context.reset(avcodec_alloc_context3(codec));
+        auto encoder = openAudioEncoder(settings, output->oformat);
+        if (!encoder)
+            return encoder.error();
+        m_context = std::move(*encoder);
         AVCodecContext *c = m_context.get();
-        c->sample_rate = settings.sampleRate;
-        av_channel_layout_default(&c->ch_layout, settings.channels);
-        c->sample_fmt = alac ? AV_SAMPLE_FMT_S32P : AV_SAMPLE_FMT_FLTP;
-        if (alac)
-            c->bits_per_raw_sample = settings.bitDepthHint.value_or(24);
-        if (settings.bitRate)
-            c->bit_rate = *settings.bitRate;
-        c->time_base = AVRational{1, settings.sampleRate};
-        if (output->oformat->flags & AVFMT_GLOBALHEADER)
-            c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        int result = avcodec_open2(c, codec, nullptr);
-        if (result < 0)
-            return errorText(result);
+        int result = 0;
 
         m_stream = avformat_new_stream(output, nullptr);
         if (!m_stream)
@@ -125,31 +113,10 @@ public:
     // Encodes `count` interleaved frames that start at timeline frame `position`.
     QString encode(const float *mix, int count, std::int64_t position)
     {
-        AVCodecContext *c = m_context.get();
-        av_frame_unref(m_frame.get());
-        m_frame->nb_samples = count;
-        m_frame->format = c->sample_fmt;
-        m_frame->sample_rate = c->sample_rate;
-        av_channel_layout_copy(&m_frame->ch_layout, &c->ch_layout);
-        int result = av_frame_get_buffer(m_frame.get(), 0);
-        if (result < 0)
-            return errorText(result);
-        const int n = channels();
-        for (int ch = 0; ch < n; ++ch) {
-            if (c->sample_fmt == AV_SAMPLE_FMT_FLTP) {
-                auto *plane = reinterpret_cast<float *>(m_frame->extended_data[ch]);
-                for (int i = 0; i < count; ++i)
-                    plane[i] = mix[i * n + ch];
-            } else {
-                auto *plane = reinterpret_cast<std::int32_t *>(m_frame->extended_data[ch]);
-                for (int i = 0; i < count; ++i) {
-                    const double sample = std::clamp(double(mix[i * n + ch]), -1.0, 1.0);
-                    plane[i] = std::int32_t(std::lrint(sample * 2147483392.0)) & ~0xFF;
-                }
-            }
-        }
+        if (const QString problem = fillAudioFrame(m_frame.get(), m_context.get(), mix, count); !problem.isEmpty())
+            return problem;
         m_frame->pts = position;
-        result = avcodec_send_frame(c, m_frame.get());
+        const int result = avcodec_send_frame(m_context.get(), m_frame.get());
         if (result < 0)
             return errorText(result);
         return drain();

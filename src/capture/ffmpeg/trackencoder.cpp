@@ -1,5 +1,7 @@
 #include "capture/ffmpeg/trackencoder.h"
 
+#include "capture/ffmpeg/audioencoding.h"
+
 #include "capture/trackwriter.h"
 
 extern "C" {
@@ -50,8 +52,6 @@ expected<std::unique_ptr<TrackEncoder>, QString> TrackEncoder::openOutput(const 
 QString TrackEncoder::openStream()
 {
     AVCodecContext *c = m_codec.get();
-    if (m_output->oformat->flags & AVFMT_GLOBALHEADER)
-        c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     m_stream = avformat_new_stream(m_output.get(), nullptr);
     if (!m_stream)
         return QStringLiteral("writer");
@@ -77,26 +77,12 @@ expected<std::unique_ptr<TrackEncoder>, QString> TrackEncoder::openAudio(const Q
     auto encoder = openOutput(path, "ipod");
     if (!encoder)
         return encoder;
-    const bool alac = settings.codec == AudioSettings::Codec::alac;
-    const AVCodec *codec = avcodec_find_encoder(alac ? AV_CODEC_ID_ALAC : AV_CODEC_ID_AAC);
-    if (!codec)
-        return Failure(QStringLiteral("no audio encoder"));
     TrackEncoder &e = **encoder;
-    e.m_codec.reset(avcodec_alloc_context3(codec));
-    AVCodecContext *c = e.m_codec.get();
-    c->sample_rate = settings.sampleRate;
-    av_channel_layout_default(&c->ch_layout, settings.channels);
-    c->sample_fmt = alac ? AV_SAMPLE_FMT_S32P : AV_SAMPLE_FMT_FLTP;
-    if (alac)
-        c->bits_per_raw_sample = settings.bitDepthHint.value_or(24);
-    if (settings.bitRate)
-        c->bit_rate = *settings.bitRate;
-    c->time_base = AVRational{1, settings.sampleRate};
-    if (e.m_output->oformat->flags & AVFMT_GLOBALHEADER)
-        c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    int result = avcodec_open2(c, codec, nullptr);
-    if (result < 0)
-        return Failure(errorText(result));
+    auto codec = openAudioEncoder(settings, e.m_output->oformat);
+    if (!codec)
+        return Failure(codec.error());
+    e.m_codec = std::move(*codec);
+    const AVCodecContext *c = e.m_codec.get();
     e.m_channels = settings.channels;
     // A fragmented file can't carry the edit that hides the encoder's priming samples, so the timeline starts
     // after them instead: decoded sample n is then timeline frame n, as in every other track.
@@ -183,27 +169,8 @@ QString TrackEncoder::encodeFifo(bool flush)
         if (available == 0 || (available < frameSize && !flush))
             return {};
         const int count = std::min(available, frameSize);
-        av_frame_unref(m_frame.get());
-        m_frame->nb_samples = count;
-        m_frame->format = c->sample_fmt;
-        m_frame->sample_rate = c->sample_rate;
-        av_channel_layout_copy(&m_frame->ch_layout, &c->ch_layout);
-        int result = av_frame_get_buffer(m_frame.get(), 0);
-        if (result < 0)
-            return errorText(result);
-        for (int ch = 0; ch < m_channels; ++ch) {
-            if (c->sample_fmt == AV_SAMPLE_FMT_FLTP) {
-                auto *plane = reinterpret_cast<float *>(m_frame->extended_data[ch]);
-                for (int i = 0; i < count; ++i)
-                    plane[i] = m_fifo[std::size_t(i * m_channels + ch)];
-            } else {
-                auto *plane = reinterpret_cast<std::int32_t *>(m_frame->extended_data[ch]);
-                for (int i = 0; i < count; ++i) {
-                    const double sample = std::clamp(double(m_fifo[std::size_t(i * m_channels + ch)]), -1.0, 1.0);
-                    plane[i] = std::int32_t(std::lrint(sample * 2147483392.0)) & ~0xFF;
-                }
-            }
-        }
+        if (const QString problem = fillAudioFrame(m_frame.get(), c, m_fifo.data(), count); !problem.isEmpty())
+            return problem;
         m_frame->pts = m_fifoStart;
         m_fifo.erase(m_fifo.begin(), m_fifo.begin() + std::ptrdiff_t(count * m_channels));
         m_fifoStart += count;

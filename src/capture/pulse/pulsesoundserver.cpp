@@ -346,8 +346,8 @@ struct PulseSoundServer::Connection {
                 stream->next = self->clock.now() - delay;
                 stream->stamped = true;
             }
-            // A monitor of one application's stream may split a frame between reads; whole frames go on and
-            // the rest waits for the next read. A hole the server reports is silence of its length.
+            // libpulse doesn't promise whole frames per peek: whole frames go on and the rest waits for the
+            // next read. A hole the server reports is silence of its length.
             std::vector<char> &buffer = stream->partial;
             if (bytes)
                 buffer.insert(buffer.end(), static_cast<const char *>(bytes), static_cast<const char *>(bytes) + size);

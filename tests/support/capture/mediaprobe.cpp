@@ -19,6 +19,8 @@ QByteArray run(const QString &tool, const QStringList &arguments)
     return process.readAllStandardOutput();
 }
 
+} // namespace
+
 QByteArray monoPcm(const QString &path, int rate)
 {
     return run(QStringLiteral("ffmpeg"),
@@ -26,8 +28,6 @@ QByteArray monoPcm(const QString &path, int rate)
                 QStringLiteral("f32le"), QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-ar"),
                 QString::number(rate), QStringLiteral("-")});
 }
-
-} // namespace
 
 double mediaSeconds(const QString &path)
 {
@@ -38,6 +38,20 @@ double mediaSeconds(const QString &path)
     bool ok = false;
     const double seconds = out.trimmed().toDouble(&ok);
     return ok ? seconds : -1;
+}
+
+QJsonObject streamInfo(const QString &path, const char *streamType)
+{
+    const QByteArray json = run(QStringLiteral("ffprobe"),
+                                {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-select_streams"),
+                                 QLatin1String(streamType), QStringLiteral("-show_streams"),
+                                 QStringLiteral("-show_format"), QStringLiteral("-of"), QStringLiteral("json"), path});
+    const QJsonObject root = QJsonDocument::fromJson(json).object();
+    QJsonObject stream = root.value(QLatin1String("streams")).toArray().first().toObject();
+    stream.insert(
+        QLatin1String("format_duration"),
+        root.value(QLatin1String("format")).toObject().value(QLatin1String("duration")).toString().toDouble());
+    return stream;
 }
 
 QString codecName(const QString &path, const char *streamType)

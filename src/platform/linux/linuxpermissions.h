@@ -1,0 +1,61 @@
+#pragma once
+
+#include "meeting/permissions.h"
+
+#include <QDBusConnection>
+#include <QStringList>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+namespace qm::platform {
+
+// The D-Bus services the statuses are read from; replaceable so that a test can name services that don't exist.
+struct PermissionServices {
+    QString accessibilityBus = QStringLiteral("org.a11y.Bus");
+    QString notifications = QStringLiteral("org.freedesktop.Notifications");
+};
+
+// Permission statuses from Linux sources:
+// - microphone: the sound server accepts a connection and has an input that isn't a monitor (never notAsked);
+// - screenRecording: granted in an X11 session; in a Wayland session notAsked (the portal decides when capture
+//   starts);
+// - accessibility: org.a11y.Status.IsEnabled of the accessibility bus;
+// - speechRecognition: `modelInstalled()`; notAsked until the model is there;
+// - notifications: a notification server owns, or can be started for, its name on the session bus;
+// - launchAtLogin: $XDG_CONFIG_HOME/autostart/quillmoor.desktop exists and isn't hidden.
+// Each D-Bus read is bounded by a short timeout; failures read as denied.
+class LinuxPermissionSources : public PermissionSources {
+public:
+    explicit LinuxPermissionSources(std::function<bool()> modelInstalled = {},
+                                    QDBusConnection bus = QDBusConnection::sessionBus(),
+                                    PermissionServices services = {});
+    ~LinuxPermissionSources() override;
+
+    PermissionStatus microphone() override;
+    PermissionStatus screenRecording() override;
+    PermissionStatus accessibility() override;
+    PermissionStatus speechRecognition() override;
+    void notifications(std::function<void(PermissionStatus)> then) override;
+    bool launchAtLogin() override;
+    expected<void, QString> setLaunchAtLogin(bool on) override;
+    bool enableAccessibility() override;
+    bool openSettings(SettingsPage page) override;
+
+private:
+    std::function<bool()> m_modelInstalled;
+    QDBusConnection m_bus;
+    PermissionServices m_services;
+    std::shared_ptr<int> m_alive = std::make_shared<int>(0);
+};
+
+// The autostart entry's path.
+QString autostartEntryPath();
+
+// The command that opens `page` on the desktop named by `currentDesktop` (as in $XDG_CURRENT_DESKTOP), among
+// the programs `exists` finds; nothing when this desktop has no such page.
+std::optional<QStringList> settingsCommand(SettingsPage page, const QString &currentDesktop,
+                                           const std::function<bool(const QString &)> &exists);
+
+} // namespace qm::platform
