@@ -83,29 +83,27 @@ Run ours(const QString &folder, bool video, int seconds)
 
 Run reference(const QString &folder, bool video, int seconds)
 {
-    QStringList arguments{QStringLiteral("-v"),
-                          QStringLiteral("error"),
-                          QStringLiteral("-y"),
-                          QStringLiteral("-f"),
-                          QStringLiteral("pulse"),
-                          QStringLiteral("-i"),
-                          QStringLiteral("speakers.monitor"),
-                          QStringLiteral("-f"),
-                          QStringLiteral("pulse"),
-                          QStringLiteral("-i"),
-                          QStringLiteral("microphone")};
+    // Every input is limited, so every output ends with it.
+    const QStringList limit{QStringLiteral("-t"), QString::number(seconds)};
+    auto pulse = [&](const char *source) {
+        return limit +
+               QStringList{QStringLiteral("-f"), QStringLiteral("pulse"), QStringLiteral("-i"), QLatin1String(source)};
+    };
+    QStringList arguments = QStringList{QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-y")} +
+                            pulse("speakers.monitor") + pulse("microphone");
     if (video)
-        arguments << QStringLiteral("-f") << QStringLiteral("x11grab") << QStringLiteral("-framerate")
+        arguments << limit << QStringLiteral("-f") << QStringLiteral("x11grab") << QStringLiteral("-framerate")
                   << QStringLiteral("15") << QStringLiteral("-video_size") << QStringLiteral("1920x1080")
                   << QStringLiteral("-i") << qEnvironmentVariable("DISPLAY");
-    arguments << QStringLiteral("-t") << QString::number(seconds) << QStringLiteral("-map") << QStringLiteral("0:a")
-              << QStringLiteral("-c:a") << QStringLiteral("aac") << QStringLiteral("-b:a") << QStringLiteral("256k")
-              << folder + QStringLiteral("/meeting.m4a") << QStringLiteral("-map") << QStringLiteral("1:a")
-              << QStringLiteral("-c:a") << QStringLiteral("aac") << QStringLiteral("-b:a") << QStringLiteral("128k")
-              << folder + QStringLiteral("/microphone.m4a");
+    arguments << QStringLiteral("-map") << QStringLiteral("0:a") << QStringLiteral("-c:a") << QStringLiteral("aac")
+              << QStringLiteral("-aac_coder") << QStringLiteral("fast") << QStringLiteral("-b:a")
+              << QStringLiteral("256k") << folder + QStringLiteral("/meeting.m4a") << QStringLiteral("-map")
+              << QStringLiteral("1:a") << QStringLiteral("-c:a") << QStringLiteral("aac")
+              << QStringLiteral("-aac_coder") << QStringLiteral("fast") << QStringLiteral("-b:a")
+              << QStringLiteral("128k") << folder + QStringLiteral("/microphone.m4a");
     if (video)
         arguments << QStringLiteral("-map") << QStringLiteral("2:v") << QStringLiteral("-c:v")
-                  << QStringLiteral("libx264") << QStringLiteral("-preset") << QStringLiteral("veryfast")
+                  << QStringLiteral("libx264") << QStringLiteral("-preset") << QStringLiteral("ultrafast")
                   << QStringLiteral("-tune") << QStringLiteral("zerolatency") << QStringLiteral("-pix_fmt")
                   << QStringLiteral("yuv420p") << folder + QStringLiteral("/screen.mov");
     const double before = cpuSeconds(RUSAGE_CHILDREN);

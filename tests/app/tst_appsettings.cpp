@@ -111,8 +111,6 @@ private Q_SLOTS:
     {
         const auto s = open();
         QCOMPARE(s->model(TranscriptionProvider::deepgram), QStringLiteral("nova-3"));
-        QCOMPARE(s->model(TranscriptionProvider::openAI), QStringLiteral("gpt-4o-transcribe-diarize"));
-        QCOMPARE(s->model(TranscriptionProvider::elevenLabs), QStringLiteral("scribe_v1"));
         QCOMPARE(s->model(TranscriptionProvider::assemblyAI), QString());
 
         s->setModel(QStringLiteral("  nova-2 \t"), TranscriptionProvider::deepgram);

@@ -105,7 +105,6 @@ private Q_SLOTS:
         QTest::newRow("words not at the end") << 3 << QStringLiteral("audio muted by host") << meeting << unknown;
         QTest::newRow("deepest searched") << 4 << QStringLiteral("audio muted") << meeting << std::optional<bool>(true);
         QTest::newRow("one level too deep") << 5 << QStringLiteral("audio muted") << meeting << unknown;
-        QTest::newRow("six levels deep") << 6 << QStringLiteral("audio muted") << meeting << unknown;
         QTest::newRow("lower-case title not searched")
             << 2 << QStringLiteral("audio muted") << QStringLiteral("zoom meeting") << unknown;
         QTest::newRow("other window") << 2 << QStringLiteral("audio muted") << QStringLiteral("Zoom Workplace")
@@ -193,8 +192,9 @@ private Q_SLOTS:
         QTRY_COMPARE(observer.isMutedInZoom(), std::optional<bool>(true));
 
         // Zoom's window changes and Zoom stops answering: the remembered control says nothing, the lookup hangs.
+        // Reads happen only when asked for, so keep asking until the new lookup has begun.
         control->setDescription(QString());
-        QTRY_COMPARE(tree->lookups.load(), 2);
+        QTRY_COMPARE((static_cast<void>(observer.isMutedInZoom()), tree->lookups.load()), 2);
         QElapsedTimer clock;
         clock.start();
         QTRY_COMPARE(observer.isMutedInZoom(), std::optional<bool>());

@@ -61,6 +61,11 @@ class TestCloudEngines : public QObject {
         return QCoro::waitFor(engine.transcribe(std::move(r), std::move(report)));
     }
 
+    std::array<FakeProvider *, 4> fakes()
+    {
+        return {m_deepgram.get(), m_openAI.get(), m_assemblyAI.get(), m_elevenLabs.get()};
+    }
+
     // The engine and fake for a provider's display name; the engine gives up after 500 ms of silence.
     std::pair<std::unique_ptr<SpeechEngine>, FakeProvider *> pair(const QString &provider)
     {
@@ -93,9 +98,7 @@ private Q_SLOTS:
         m_openAI = std::make_unique<FakeOpenAI>();
         m_assemblyAI = std::make_unique<FakeAssemblyAI>();
         m_elevenLabs = std::make_unique<FakeElevenLabs>();
-        for (FakeProvider *fake :
-             {static_cast<FakeProvider *>(m_deepgram.get()), static_cast<FakeProvider *>(m_openAI.get()),
-              static_cast<FakeProvider *>(m_assemblyAI.get()), static_cast<FakeProvider *>(m_elevenLabs.get())}) {
+        for (FakeProvider *fake : fakes()) {
             fake->script = kConversation;
             fake->slowDelay = 2s;
         }
@@ -103,9 +106,7 @@ private Q_SLOTS:
 
     void cleanup()
     {
-        for (FakeProvider *fake :
-             {static_cast<FakeProvider *>(m_deepgram.get()), static_cast<FakeProvider *>(m_openAI.get()),
-              static_cast<FakeProvider *>(m_assemblyAI.get()), static_cast<FakeProvider *>(m_elevenLabs.get())})
+        for (FakeProvider *fake : fakes())
             QVERIFY2(fake->violations.isEmpty(), qPrintable(fake->violations.join(QStringLiteral("; "))));
     }
 
@@ -151,8 +152,7 @@ private Q_SLOTS:
 
     void deepgramOddShapes()
     {
-        auto [engine, fake] = pair(QStringLiteral("Deepgram"));
-        Q_UNUSED(fake)
+        auto engine = pair(QStringLiteral("Deepgram")).first;
         m_deepgram->tamper = [](const QByteArray &, QJsonObject &body) {
             QJsonObject results = body.value(QLatin1String("results")).toObject();
             QJsonArray utterances = results.value(QLatin1String("utterances")).toArray();
@@ -218,8 +218,7 @@ private Q_SLOTS:
 
     void elevenLabsTextOnly()
     {
-        auto [engine, fake] = pair(QStringLiteral("ElevenLabs"));
-        Q_UNUSED(fake)
+        auto engine = pair(QStringLiteral("ElevenLabs")).first;
         m_elevenLabs->tamper = [](const QByteArray &, QJsonObject &body) {
             body.insert(QLatin1String("words"), QJsonArray());
         };
@@ -317,8 +316,7 @@ private Q_SLOTS:
                 body.remove(QLatin1String("id"));
             }
         };
-        auto [engine, fake] = pair(QStringLiteral("AssemblyAI"));
-        Q_UNUSED(fake)
+        auto engine = pair(QStringLiteral("AssemblyAI")).first;
         const SegmentsResult result = run(*engine, request(true, {}, {}));
         QVERIFY(!result);
         QCOMPARE(result.error().description(), expected);

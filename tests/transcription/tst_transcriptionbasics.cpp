@@ -48,9 +48,6 @@ private Q_SLOTS:
             << QStringList{QStringLiteral("0-3 -: one two")};
         QTest::newRow("1.51 s splits") << QList<TimedWord>{word("one", 0, 1), word("two", 2.51, 3)}
                                        << QStringList{QStringLiteral("0-1 -: one"), QStringLiteral("2.51-3 -: two")};
-        QTest::newRow("none to a speaker splits without a pause")
-            << QList<TimedWord>{word("one", 0, 1), word("two", 1, 2, A)}
-            << QStringList{QStringLiteral("0-1 -: one"), QStringLiteral("1-2 A: two")};
         QTest::newRow("a change of speaker splits")
             << QList<TimedWord>{word("one", 0, 1, A), word("two", 1, 2, B), word("three", 2, 3, B)}
             << QStringList{QStringLiteral("0-1 A: one"), QStringLiteral("1-3 B: two three")};

@@ -14,7 +14,6 @@
 
 #include <QCoroTask>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QNetworkProxy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -78,6 +77,8 @@ class TestTranscriptionService : public QObject {
             });
     }
 
+    std::array<FakeProvider *, 4> fakes() { return {&m_deepgram, &m_openAI, &m_assemblyAI, &m_elevenLabs}; }
+
     QStringList workingFolders() const
     {
         return QDir(m_temp.path()).entryList({QStringLiteral("Quillmoor-*")}, QDir::Dirs);
@@ -130,9 +131,7 @@ private Q_SLOTS:
         for (TranscriptionProvider provider : kCloudProviders)
             m_secrets.put(QLatin1String(kKeyringService), apiKeyAccount(provider), m_deepgram.key);
         m_enginesMade = 0;
-        for (FakeProvider *fake :
-             {static_cast<FakeProvider *>(&m_deepgram), static_cast<FakeProvider *>(&m_openAI),
-              static_cast<FakeProvider *>(&m_assemblyAI), static_cast<FakeProvider *>(&m_elevenLabs)}) {
+        for (FakeProvider *fake : fakes()) {
             fake->server.requests.clear();
             fake->uploads.clear();
             fake->forms.clear();
@@ -144,9 +143,7 @@ private Q_SLOTS:
     void cleanup()
     {
         QVERIFY2(workingFolders().isEmpty(), "the working folder outlived the run");
-        for (FakeProvider *fake :
-             {static_cast<FakeProvider *>(&m_deepgram), static_cast<FakeProvider *>(&m_openAI),
-              static_cast<FakeProvider *>(&m_assemblyAI), static_cast<FakeProvider *>(&m_elevenLabs)})
+        for (FakeProvider *fake : fakes())
             QVERIFY2(fake->violations.isEmpty(), qPrintable(fake->violations.join(QStringLiteral("; "))));
     }
 
@@ -223,14 +220,15 @@ private Q_SLOTS:
     {
         QTest::addColumn<TranscriptionProvider>("provider");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("Deepgram") << TranscriptionProvider::deepgram
-                                  << QStringLiteral("Add your Deepgram API key in Settings \u203A Transcription.");
-        QTest::newRow("OpenAI") << TranscriptionProvider::openAI
-                                << QStringLiteral("Add your OpenAI API key in Settings \u203A Transcription.");
-        QTest::newRow("AssemblyAI") << TranscriptionProvider::assemblyAI
-                                    << QStringLiteral("Add your AssemblyAI API key in Settings \u203A Transcription.");
-        QTest::newRow("ElevenLabs") << TranscriptionProvider::elevenLabs
-                                    << QStringLiteral("Add your ElevenLabs API key in Settings \u203A Transcription.");
+        const std::pair<TranscriptionProvider, const char *> providers[] = {
+            {TranscriptionProvider::deepgram, "Deepgram"},
+            {TranscriptionProvider::openAI, "OpenAI"},
+            {TranscriptionProvider::assemblyAI, "AssemblyAI"},
+            {TranscriptionProvider::elevenLabs, "ElevenLabs"}};
+        for (const auto &[provider, name] : providers)
+            QTest::newRow(name)
+                << provider
+                << QStringLiteral("Add your %1 API key in Settings \u203A Transcription.").arg(QLatin1String(name));
     }
     void missingKey()
     {
@@ -302,37 +300,6 @@ private Q_SLOTS:
         QVERIFY(request.farField);
         QVERIFY(request.apiKey.isEmpty());
         QVERIFY(request.duration > 1.0);
-    }
-
-    // For the README: the overhead around the providers for an hour-long two-pass meeting. Opt in with
-    // QM_BENCH_HOUR=1; it is dominated by the two speech exports.
-    void hourLongTwoPassRun()
-    {
-        if (qEnvironmentVariableIsEmpty("QM_BENCH_HOUR"))
-            QSKIP("set QM_BENCH_HOUR=1 to time an hour of speech");
-        QTemporaryDir library;
-        const QString folder = library.filePath(QStringLiteral("2026-03-02 10-00 Zoom Meeting"));
-        QVERIFY(writeSpeechTrack(folder + QStringLiteral("/Source/meeting-audio.m4a"),
-                                 QStringLiteral("Let's look at the roadmap for next quarter."), 2, 3600));
-        QVERIFY(writeSpeechTrack(folder + QStringLiteral("/Source/microphone.m4a"),
-                                 QStringLiteral("I agree with that plan."), 1, 3600));
-        Recording hour = m_recording;
-        hour.folder = QUrl::fromLocalFile(folder);
-        m_deepgram.hearing = [](const Mp4Audio &audio, int) {
-            QList<Heard> heard;
-            for (double t = 0; t + 4 < audio.seconds; t += 5)
-                heard.append({QStringLiteral("Let's look at the roadmap."), t, t + 4, int(t / 60) % 3});
-            return heard;
-        };
-        QElapsedTimer clock;
-        clock.start();
-        const Run r = run(hour, options(TranscriptionProvider::deepgram, QStringLiteral("nova-3")));
-        const qint64 elapsed = clock.elapsed();
-        QVERIFY(r.result);
-        QVERIFY(qAbs(m_deepgram.uploads.at(1).seconds - 3600) < 1);
-        qInfo().noquote() << QStringLiteral("two passes over one hour of speech: %1 s wall, %2 segments")
-                                 .arg(elapsed / 1000.0, 0, 'f', 1)
-                                 .arg(r.result->segments.size());
     }
 };
 

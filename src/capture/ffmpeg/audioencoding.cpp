@@ -5,7 +5,7 @@
 
 namespace qm::ff {
 
-expected<CodecPtr, QString> openAudioEncoder(const AudioSettings &settings, const AVOutputFormat *format)
+expected<CodecPtr, QString> openAudioEncoder(const AudioSettings &settings, const AVOutputFormat *format, bool live)
 {
     const bool alac = settings.codec == AudioSettings::Codec::alac;
     const AVCodec *codec = avcodec_find_encoder(alac ? AV_CODEC_ID_ALAC : AV_CODEC_ID_AAC);
@@ -23,7 +23,11 @@ expected<CodecPtr, QString> openAudioEncoder(const AudioSettings &settings, cons
     c->time_base = AVRational{1, settings.sampleRate};
     if (format->flags & AVFMT_GLOBALHEADER)
         c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    const int result = avcodec_open2(c, codec, nullptr);
+    AVDictionary *options = nullptr;
+    if (live && !alac)
+        av_dict_set(&options, "aac_coder", "fast", 0);
+    const int result = avcodec_open2(c, codec, &options);
+    av_dict_free(&options);
     if (result < 0)
         return unexpected(errorText(result));
     return context;

@@ -78,7 +78,7 @@ expected<std::unique_ptr<TrackEncoder>, QString> TrackEncoder::openAudio(const Q
     if (!encoder)
         return encoder;
     TrackEncoder &e = **encoder;
-    auto codec = openAudioEncoder(settings, e.m_output->oformat);
+    auto codec = openAudioEncoder(settings, e.m_output->oformat, true);
     if (!codec)
         return Failure(codec.error());
     e.m_codec = std::move(*codec);
@@ -117,7 +117,8 @@ expected<std::unique_ptr<TrackEncoder>, QString> TrackEncoder::openVideo(const Q
     if (e.m_output->oformat->flags & AVFMT_GLOBALHEADER)
         c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     AVDictionary *options = nullptr;
-    av_dict_set(&options, "preset", "veryfast", 0);
+    // Filming runs beside the meeting itself: the cheapest preset leaves the computer to the call.
+    av_dict_set(&options, "preset", "ultrafast", 0);
     av_dict_set(&options, "tune", "zerolatency", 0);
     int result = avcodec_open2(c, codec, &options);
     av_dict_free(&options);

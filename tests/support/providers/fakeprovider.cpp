@@ -54,15 +54,6 @@ ScriptedResponse FakeProvider::scripted(ScriptedResponse success) const
         return errors.value(1);
     case Outcome::errorForm3:
         return errors.value(2);
-    case Outcome::html500:
-        return ScriptedResponse::text(500, "text/html",
-                                      "<!DOCTYPE html>\n<html><head><title>500 Internal Server Error</title></head>"
-                                      "<body><h1>Internal Server Error</h1><p>The server encountered an internal "
-                                      "error and was unable to complete your request. Either the server is "
-                                      "overloaded or there is an error in the application.</p><hr><address>"
-                                      "edge-proxy</address></body></html>\n");
-    case Outcome::empty200:
-        return ScriptedResponse::text(200, "application/json", {});
     case Outcome::noContent204:
         return ScriptedResponse::text(204, {}, {});
     case Outcome::slow:
@@ -83,10 +74,6 @@ ScriptedResponse FakeProvider::json(const QByteArray &path, QJsonObject body) co
         tamper(path, body);
     return ScriptedResponse::json(200, jsonBytes(body));
 }
-
-} // namespace qm::test
-
-namespace qm::test {
 
 void FakeProvider::recordForm(const QList<FormPart> &parts)
 {

@@ -21,12 +21,7 @@ struct Heard {
 };
 
 // A word of a heard stretch, with its share of the stretch's time.
-struct HeardWord {
-    QString text;
-    double start = 0;
-    double end = 0;
-    int speaker = -1;
-};
+using HeardWord = Heard;
 QList<HeardWord> wordsOf(const QList<Heard> &heard);
 
 // How a fake answers the request that carries the audio.
@@ -35,8 +30,6 @@ enum class Outcome {
     errorForm1, // the provider's error bodies, in the order errorForms() lists them
     errorForm2,
     errorForm3,
-    html500,      // a proxy's HTML page
-    empty200,     // 200 with no body
     noContent204, // 204
     slow,         // success, after `slowDelay`
 };
