@@ -1,5 +1,7 @@
 #include "transcription/http.h"
 
+#include "transcription/enginesupport.h"
+
 #include <QCoreApplication>
 #include <QCoroNetworkReply>
 #include <QJsonArray>
@@ -16,19 +18,13 @@ namespace qm::HTTP {
 
 namespace {
 
-std::optional<QString> stringAt(const QJsonObject &object, QLatin1String key)
-{
-    const QJsonValue value = object.value(key);
-    if (value.isString())
-        return value.toString();
-    return std::nullopt;
-}
+using engine::string;
 
 std::optional<QString> messageOf(const QJsonObject &object, QLatin1String key)
 {
     const QJsonValue value = object.value(key);
     if (value.isObject())
-        return stringAt(value.toObject(), QLatin1String("message"));
+        return string(value.toObject(), QLatin1String("message"));
     return std::nullopt;
 }
 
@@ -40,9 +36,8 @@ std::optional<QString> errorMessage(const QJsonDocument &json)
     const QJsonObject o = json.object();
     const QLatin1String error("error");
     const QLatin1String detail("detail");
-    for (std::optional<QString> found :
-         {messageOf(o, error), stringAt(o, error), messageOf(o, detail), stringAt(o, detail),
-          stringAt(o, QLatin1String("err_msg")), stringAt(o, QLatin1String("message"))}) {
+    for (std::optional<QString> found : {messageOf(o, error), string(o, error), messageOf(o, detail), string(o, detail),
+                                         string(o, QLatin1String("err_msg")), string(o, QLatin1String("message"))}) {
         if (found)
             return found;
     }

@@ -390,14 +390,21 @@ CaptureFailure connectionFailure(const QString &reason, CaptureError denied)
 
 } // namespace
 
+expected<void, CaptureFailure> PulseSoundServer::connect(CaptureError denied)
+{
+    if (m_connection)
+        return {};
+    auto connection = std::make_unique<Connection>(m_clock);
+    if (auto connected = connection->connect(); !connected)
+        return unexpected(connectionFailure(connected.error(), denied));
+    m_connection = std::move(connection);
+    return {};
+}
+
 expected<void, CaptureFailure> PulseSoundServer::startMicrophone(std::optional<QString> name, Callbacks callbacks)
 {
-    if (!m_connection) {
-        auto connection = std::make_unique<Connection>(m_clock);
-        if (auto connected = connection->connect(); !connected)
-            return unexpected(connectionFailure(connected.error(), CaptureError::microphonePermissionDenied));
-        m_connection = std::move(connection);
-    }
+    if (auto connected = connect(CaptureError::microphonePermissionDenied); !connected)
+        return connected;
     Connection &c = *m_connection;
     pa_threaded_mainloop_lock(c.loop.get());
     auto unlock = qScopeGuard([&c] { pa_threaded_mainloop_unlock(c.loop.get()); });
@@ -435,12 +442,8 @@ expected<void, CaptureFailure> PulseSoundServer::startMicrophone(std::optional<Q
 expected<void, CaptureFailure> PulseSoundServer::startMeeting(RecordingSource source, QList<int> zoomProcesses,
                                                               Callbacks callbacks)
 {
-    if (!m_connection) {
-        auto connection = std::make_unique<Connection>(m_clock);
-        if (auto connected = connection->connect(); !connected)
-            return unexpected(connectionFailure(connected.error(), CaptureError::screenPermissionDenied));
-        m_connection = std::move(connection);
-    }
+    if (auto connected = connect(CaptureError::screenPermissionDenied); !connected)
+        return connected;
     Connection &c = *m_connection;
     pa_threaded_mainloop_lock(c.loop.get());
     auto unlock = qScopeGuard([&c] { pa_threaded_mainloop_unlock(c.loop.get()); });

@@ -29,6 +29,8 @@ public:
 
 private:
     struct Connection;
+    // One connection serves every source of a capture; a refusal is reported as `denied`.
+    expected<void, CaptureFailure> connect(CaptureError denied);
     std::unique_ptr<Connection> m_connection;
     const HostClock &m_clock;
 };
