@@ -1,5 +1,6 @@
 #include "capture/captureengine.h"
 
+#include "capture/microphoneprivacy.h"
 #include "capture/screensource.h"
 #include "capture/soundserver.h"
 #include "capture/trackwriter.h"
@@ -52,8 +53,8 @@ struct CaptureEngine::State {
 };
 
 CaptureEngine::CaptureEngine(SoundServer &sound, ScreenSource *screen, ProcessList &processes, const HostClock &clock,
-                             QObject *parent)
-    : QObject(parent), m_sound(sound), m_screen(screen), m_processes(processes), m_clock(clock),
+                             const MicrophonePrivacy *privacy, QObject *parent)
+    : QObject(parent), m_sound(sound), m_screen(screen), m_processes(processes), m_clock(clock), m_privacy(privacy),
       m_queue(std::make_unique<CaptureQueue>(QStringLiteral("app.quillmoor.capture"))),
       m_state(std::make_unique<State>())
 {}
@@ -102,6 +103,8 @@ expected<void, CaptureFailure> CaptureEngine::startBlocking(const CaptureConfigu
         if (zoom.isEmpty())
             return unexpected(CaptureFailure::of(CaptureError::zoomNotRunning));
     }
+    if (configuration.recordsMicrophone() && m_privacy && m_privacy->microphoneDisabled())
+        return unexpected(CaptureFailure::of(CaptureError::microphonePermissionDenied));
 
     auto createAudio = [&](Kind kind, const QUrl &url, int channels) -> expected<void, CaptureFailure> {
         auto writer = TrackWriter::createAudio(localPath(url), audioSettings(configuration.quality, channels));

@@ -16,6 +16,7 @@
 
 namespace qm {
 
+class MicrophonePrivacy;
 class ProcessList;
 class ScreenSource;
 class SoundServer;
@@ -46,12 +47,15 @@ class CaptureEngine : public QObject {
 public:
     enum class Kind { meeting, microphone, screen };
 
+    // `privacy`, when given, is asked before a capture that records the microphone starts; it must outlive
+    // the engine.
     CaptureEngine(SoundServer &sound, ScreenSource *screen, ProcessList &processes, const HostClock &clock,
-                  QObject *parent = nullptr);
+                  const MicrophonePrivacy *privacy = nullptr, QObject *parent = nullptr);
     ~CaptureEngine() override;
 
     // Opens the tracks and sources and starts writing. On failure nothing keeps running; track files already
-    // made are removed with the engine.
+    // made are removed with the engine. While the desktop's privacy switch disables the microphone, a capture
+    // that records it fails with microphonePermissionDenied before any track is opened.
     QCoro::Task<expected<void, CaptureFailure>> start(CaptureConfiguration configuration);
     // Applied on the capture queue; return at once.
     void setPaused(bool paused);
@@ -92,6 +96,7 @@ private:
     ScreenSource *m_screen;
     ProcessList &m_processes;
     const HostClock &m_clock;
+    const MicrophonePrivacy *m_privacy;
     std::unique_ptr<CaptureQueue> m_queue;
     std::unique_ptr<State> m_state; // touched only on m_queue once capture runs
     std::array<std::unique_ptr<TrackWriter>, 3> m_writers;

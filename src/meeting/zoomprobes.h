@@ -19,6 +19,14 @@ public:
     virtual bool zoomHasMeetingWindow(const QList<int> &zoomPids) = 0;
 };
 
+// For runs that don't follow Zoom: nothing is ever found.
+class NoZoomProbes : public ZoomProbes {
+public:
+    QList<int> zoomProcesses() override { return {}; }
+    bool zoomIsUsingAudioInput(const QList<int> &) override { return false; }
+    bool zoomHasMeetingWindow(const QList<int> &) override { return false; }
+};
+
 // Whether a window title names a Zoom meeting window: "Zoom Meeting", "Zoom Webinar", "Meeting" or
 // "Zoom Workplace Meeting", compared whole and ignoring case.
 bool isMeetingWindowTitle(const QString &title);

@@ -50,6 +50,8 @@ LinuxPermissionSources::~LinuxPermissionSources() = default;
 
 PermissionStatus LinuxPermissionSources::microphone()
 {
+    if (m_privacy.microphoneDisabled())
+        return PermissionStatus::denied;
     const auto snapshot = readPulseSnapshot(std::chrono::milliseconds(dbusTimeoutMs));
     if (!snapshot)
         return PermissionStatus::denied;

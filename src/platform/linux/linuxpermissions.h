@@ -1,6 +1,7 @@
 #pragma once
 
 #include "meeting/permissions.h"
+#include "platform/linux/gnomeprivacy.h"
 
 #include <QDBusConnection>
 #include <QStringList>
@@ -18,7 +19,8 @@ struct PermissionServices {
 };
 
 // Permission statuses from Linux sources:
-// - microphone: the sound server accepts a connection and has an input that isn't a monitor (never notAsked);
+// - microphone: the sound server accepts a connection and has an input that isn't a monitor, and GNOME's
+//   privacy switch doesn't disable the microphone (never notAsked);
 // - screenRecording: granted in an X11 session; in a Wayland session notAsked (the portal decides when capture
 //   starts);
 // - accessibility: org.a11y.Status.IsEnabled of the accessibility bus;
@@ -47,6 +49,7 @@ private:
     std::function<bool()> m_modelInstalled;
     QDBusConnection m_bus;
     PermissionServices m_services;
+    GnomeMicrophonePrivacy m_privacy;
     std::shared_ptr<int> m_alive = std::make_shared<int>(0);
 };
 

@@ -1,0 +1,291 @@
+// The part of the controller that runs after a capture stops: final media file, Drive copies, transcript,
+// edits that rewrite the transcript, and recovery of what an earlier run left unfinished.
+
+#include "app/appcontroller.h"
+#include "app/appsettings.h"
+#include "capture/mediaprocessor.h"
+#include "library/formatters.h"
+#include "library/recordingstore.h"
+#include "library/textutil.h"
+#include "meeting/notifier.h"
+#include "transcription/transcriptionservice.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QPointer>
+
+namespace qm {
+
+namespace {
+
+bool sourceExists(const Recording &record, const char *fileName)
+{
+    return QFileInfo::exists(QDir(record.folderPath()).filePath(QLatin1String(kSourceFolderName)) + u'/' +
+                             QLatin1String(fileName));
+}
+
+TranscriptionOptions transcriptionOptions(const AppSettings &settings)
+{
+    TranscriptionOptions options;
+    options.provider = settings.provider();
+    options.language = settings.language();
+    options.detectSpeakers = settings.detectSpeakers();
+    options.labelMyVoice = settings.labelMyVoice();
+    options.myName = settings.myName();
+    options.model = settings.model(settings.provider());
+    return options;
+}
+
+} // namespace
+
+QString AppController::savingLabel()
+{
+    return tr("Saving recording…");
+}
+
+QString AppController::transcribingLabel()
+{
+    return tr("Transcribing…");
+}
+
+QString AppController::copyingLabel()
+{
+    return tr("Copying to Google Drive…");
+}
+
+QCoro::Task<> AppController::finalize(QUuid id, bool recovered)
+{
+    QPointer<AppController> self(this);
+    std::optional<Recording> record = m_parts.store.recording(id);
+    if (!record)
+        co_return;
+    setActivity(id, savingLabel());
+
+    if (!record->hasMeetingTrack && !record->hasMicrophoneTrack) {
+        const QString text = tr("No audio was captured. Check that a microphone is connected and that the "
+                                "meeting's sound plays through this computer.");
+        record->state = ProcessingState::failed;
+        record->lastError = text;
+        m_parts.store.save(*record);
+        m_parts.notifier.post(tr("Nothing was recorded"), text);
+        setActivity(id, std::nullopt);
+        co_return;
+    }
+
+    auto building = m_parts.media.buildFinalMedia(*record, m_parts.settings.audioQuality());
+    auto built = co_await building;
+    if (!self)
+        co_return;
+    record = m_parts.store.recording(id);
+    if (!record) {
+        setActivity(id, std::nullopt);
+        co_return;
+    }
+    if (!built) {
+        const QString text = recovered ? tr("This recording was interrupted (Quillmoor was force-quit or the "
+                                            "computer shut down) before its audio could be saved.")
+                                       : built.error().description();
+        record->state = ProcessingState::failed;
+        record->lastError = text;
+        m_parts.store.save(*record);
+        m_parts.notifier.post(tr("Couldn't save recording"), text);
+        setActivity(id, std::nullopt);
+        co_return;
+    }
+
+    const QString fileName = *built;
+    auto measuring = m_parts.media.duration(QUrl::fromLocalFile(QDir(record->folderPath()).filePath(fileName)));
+    const double seconds = co_await measuring;
+    if (!self)
+        co_return;
+    record = m_parts.store.recording(id);
+    if (!record) {
+        setActivity(id, std::nullopt);
+        co_return;
+    }
+    record->mediaFileName = fileName;
+    record->duration = seconds;
+    record->state = ProcessingState::ready;
+    m_parts.store.save(*record);
+    m_parts.notifier.post(tr("Recording saved"),
+                          record->title + QStringLiteral(" \u00b7 ") + Formatters::duration(seconds));
+
+    if (m_parts.settings.driveSyncEnabled()) {
+        auto copying = syncToDrive(id);
+        co_await copying;
+        if (!self)
+            co_return;
+    }
+    if (m_parts.settings.autoTranscribe()) {
+        auto transcribing = transcribe(id);
+        co_await transcribing;
+        if (!self)
+            co_return;
+    }
+    setActivity(id, std::nullopt);
+}
+
+QCoro::Task<> AppController::transcribe(QUuid id)
+{
+    QPointer<AppController> self(this);
+    std::optional<Recording> record = m_parts.store.recording(id);
+    if (!record || record->state != ProcessingState::ready || record->transcriptState == TranscriptState::running)
+        co_return;
+    record->transcriptState = TranscriptState::running;
+    record->lastError.reset();
+    m_parts.store.save(*record);
+    setActivity(id, transcribingLabel());
+
+    auto running = m_parts.transcription.transcribe(*record, transcriptionOptions(m_parts.settings),
+                                                    [self, id](const QString &text) {
+                                                        if (self && self->m_activities.contains(id))
+                                                            self->setActivity(id, text);
+                                                    });
+    auto result = co_await running;
+    if (!self)
+        co_return;
+
+    record = m_parts.store.recording(id);
+    if (!record) {
+        setActivity(id, std::nullopt);
+        co_return;
+    }
+    if (result) {
+        m_parts.store.saveTranscript(*result, *record);
+        record = m_parts.store.recording(id);
+        if (record) {
+            record->transcriptState = TranscriptState::done;
+            record->transcriptEngine = result->engine;
+            m_parts.store.save(*record);
+        }
+        bumpTranscriptRevision();
+        m_parts.notifier.post(tr("Transcript ready"), record ? record->title : QString());
+        if (m_parts.settings.driveSyncEnabled()) {
+            auto copying = syncToDrive(id);
+            co_await copying;
+            if (!self)
+                co_return;
+        }
+    } else {
+        const QString text = result.error().description();
+        record->transcriptState = TranscriptState::failed;
+        record->lastError = text;
+        m_parts.store.save(*record);
+        m_parts.notifier.post(tr("Transcription failed"), text);
+    }
+    setActivity(id, std::nullopt);
+}
+
+QCoro::Task<> AppController::syncToDrive(QUuid id)
+{
+    QPointer<AppController> self(this);
+    const std::optional<Recording> record = m_parts.store.recording(id);
+    if (!record || record->state != ProcessingState::ready)
+        co_return;
+    const std::optional<QString> previous =
+        m_activities.contains(id) ? std::optional(m_activities.value(id)) : std::nullopt;
+    setActivity(id, copyingLabel());
+
+    auto copying = DriveSync::sync(*record, DriveSync::DriveOptions::from(m_parts.settings), m_parts.drivePlaces);
+    const auto copied = co_await copying;
+    if (!self)
+        co_return;
+
+    std::optional<Recording> fresh = m_parts.store.recording(id);
+    if (fresh) {
+        if (copied) {
+            fresh->driveSyncedAt = m_parts.now();
+            if (fresh->transcriptState != TranscriptState::failed)
+                fresh->lastError.reset();
+            m_parts.store.save(*fresh);
+        } else {
+            fresh->lastError = copied.error().description();
+            m_parts.store.save(*fresh);
+            m_parts.notifier.post(tr("Google Drive sync failed"), copied.error().description());
+        }
+    }
+    setActivity(id, previous);
+}
+
+QCoro::Task<> AppController::syncAllToDrive()
+{
+    QPointer<AppController> self(this);
+    const QList<Recording> records = m_parts.store.recordings();
+    for (const Recording &record : records) {
+        if (record.state != ProcessingState::ready)
+            continue;
+        auto copying = syncToDrive(record.id);
+        co_await copying;
+        if (!self)
+            co_return;
+    }
+}
+
+void AppController::renameSpeaker(const QString &label, const QString &name, const Recording &recording)
+{
+    std::optional<Transcript> transcript = m_parts.store.transcript(recording);
+    if (!transcript)
+        return;
+    transcript->speakerNames.insert(label, name);
+    m_parts.store.saveTranscript(*transcript, recording);
+    bumpTranscriptRevision();
+    if (m_parts.settings.driveSyncEnabled() && recording.driveSyncedAt)
+        syncToDrive(recording.id);
+}
+
+void AppController::rename(const Recording &recording, const QString &title)
+{
+    const QString trimmed = trimSpacesAndTabs(title);
+    if (trimmed.isEmpty())
+        return;
+    std::optional<Recording> record = m_parts.store.recording(recording.id);
+    if (!record)
+        return;
+    record->title = trimmed;
+    m_parts.store.save(*record);
+    if (const std::optional<Transcript> transcript = m_parts.store.transcript(*record))
+        m_parts.store.saveTranscript(*transcript, *record);
+}
+
+void AppController::recoverInterruptedRecordings()
+{
+    const QList<Recording> records = m_parts.store.recordings();
+    for (Recording record : records) {
+        if (record.state != ProcessingState::recording && record.state != ProcessingState::processing)
+            continue;
+        record.hasMeetingTrack = sourceExists(record, kMeetingTrackFileName);
+        record.hasMicrophoneTrack = sourceExists(record, kMicrophoneTrackFileName);
+        record.hasVideo = record.hasVideo && sourceExists(record, kScreenTrackFileName);
+        record.state = ProcessingState::processing;
+        m_parts.store.save(record);
+        finalize(record.id, true);
+    }
+}
+
+void AppController::setActivity(const QUuid &id, std::optional<QString> label)
+{
+    if (label) {
+        if (m_activities.value(id) == *label && m_activities.contains(id))
+            return;
+        m_activities.insert(id, *label);
+    } else {
+        if (!m_activities.remove(id))
+            return;
+    }
+    Q_EMIT activitiesChanged();
+    const bool processing = !m_activities.isEmpty();
+    if (processing != m_isProcessing) {
+        m_isProcessing = processing;
+        Q_EMIT isProcessingChanged(processing);
+    }
+    if (!label)
+        Q_EMIT finishedProcessing(id);
+}
+
+void AppController::bumpTranscriptRevision()
+{
+    ++m_transcriptRevision;
+    Q_EMIT transcriptRevisionChanged(m_transcriptRevision);
+}
+
+} // namespace qm
