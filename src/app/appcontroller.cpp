@@ -41,6 +41,11 @@ AppController::AppController(ControllerParts parts, QObject *parent) : QObject(p
 // files; the next start finds it unfinished and finishes it.
 AppController::~AppController() = default;
 
+QString AppController::captureLockPath(const Recording &recording)
+{
+    return QDir(recording.folderPath()).filePath(QStringLiteral(".capture.lock"));
+}
+
 bool AppController::activeRecordingUsesMicrophone() const
 {
     if (!m_active)
@@ -73,6 +78,8 @@ QCoro::Task<> AppController::startTask(RecordingSource source)
         failure = CaptureFailure::other(made.error().description());
     } else {
         created = *made;
+        m_captureLock = std::make_unique<QLockFile>(captureLockPath(*created));
+        m_captureLock->tryLock(0);
         engine = m_parts.makeEngine();
         connect(engine.get(), &CaptureEngine::levelsChanged, this, &AppController::setLevels);
         connect(engine.get(), &CaptureEngine::failed, this, [this](const QString &reason) {
@@ -100,6 +107,7 @@ QCoro::Task<> AppController::startTask(RecordingSource source)
     }
 
     if (failure) {
+        m_captureLock.reset();
         if (created) {
             QDir(created->folderPath()).removeRecursively();
             m_parts.store.reload();
@@ -279,6 +287,7 @@ std::optional<std::uint32_t> AppController::videoDisplay() const
 void AppController::resetRecordingState()
 {
     m_engine.reset();
+    m_captureLock.reset();
     setVideoDescription(std::nullopt);
     if (m_active) {
         m_active.reset();

@@ -7,6 +7,7 @@
 #include <QCoroTask>
 #include <QDateTime>
 #include <QHash>
+#include <QLockFile>
 #include <QObject>
 #include <QPointer>
 #include <QUuid>
@@ -124,6 +125,8 @@ public:
     static QString savingLabel();
     static QString transcribingLabel();
     static QString copyingLabel();
+    // The lock file a capture holds inside `recording`'s folder.
+    static QString captureLockPath(const Recording &recording);
 
 Q_SIGNALS:
     void phaseChanged(qm::AppController::Phase phase);
@@ -186,6 +189,9 @@ private:
     std::optional<QString> m_errorMessage;
     bool m_permissionProblem = false;
     std::unique_ptr<CaptureEngine> m_engine;
+    // Held while this process captures into a recording's folder, so that another run (a command in a second
+    // terminal, say) doesn't take the live recording for an interrupted one.
+    std::unique_ptr<QLockFile> m_captureLock;
     std::optional<QDateTime> m_startedAt;
     double m_pausedTotal = 0;
     std::optional<QDateTime> m_pauseBegan;

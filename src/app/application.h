@@ -26,6 +26,14 @@ namespace whisper {
 class ModelLibrary;
 }
 
+// How a run uses the desktop.
+struct ApplicationOptions {
+    // Makes the meeting prompt's card; without one, "ask" mode has nothing to show.
+    ZoomPrompt::ViewFactory promptViews;
+    // Whether this run follows Zoom meetings (start, stop, prompt). A short command-line run doesn't.
+    bool watchZoom = true;
+};
+
 // Builds the program's long-lived services once, in start-up order, picks the Linux implementations, and owns
 // them for the whole run. Nothing else creates services; front ends (the windows, the command line) are handed
 // what they need from here.
@@ -33,12 +41,7 @@ class Application : public QObject {
     Q_OBJECT
 
 public:
-    struct Options {
-        // Makes the meeting prompt's card; without one, "ask" mode has nothing to show.
-        ZoomPrompt::ViewFactory promptViews;
-        // Whether this run follows Zoom meetings (start, stop, prompt). A short command-line run doesn't.
-        bool watchZoom = true;
-    };
+    using Options = ApplicationOptions;
 
     explicit Application(Options options = {}, QObject *parent = nullptr);
     ~Application() override;

@@ -12,6 +12,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QLockFile>
 #include <QPointer>
 
 namespace qm {
@@ -253,6 +254,12 @@ void AppController::recoverInterruptedRecordings()
     for (Recording record : records) {
         if (record.state != ProcessingState::recording && record.state != ProcessingState::processing)
             continue;
+        // Still being captured by another run: not interrupted. A lock left by a process that died is stale
+        // and is taken over here.
+        QLockFile capture(captureLockPath(record));
+        if (!capture.tryLock(0))
+            continue;
+        capture.unlock();
         record.hasMeetingTrack = sourceExists(record, kMeetingTrackFileName);
         record.hasMicrophoneTrack = sourceExists(record, kMicrophoneTrackFileName);
         record.hasVideo = record.hasVideo && sourceExists(record, kScreenTrackFileName);

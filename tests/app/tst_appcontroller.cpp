@@ -186,6 +186,14 @@ private Q_SLOTS:
         QTRY_COMPARE(controller->phase(), AppController::Phase::recording);
         QCOMPARE(m_store->count(), 1);
         QCOMPARE(controller->active()->source, RecordingSource::zoom);
+        {
+            // Another run starting meanwhile leaves the live recording alone.
+            FakeTickers::Ticker *elapsedTicker = m_tickers.last;
+            auto other = makeController();
+            QVERIFY(!other->isProcessing());
+            QCOMPARE(m_store->recordings().first().state, ProcessingState::recording);
+            m_tickers.last = elapsedTicker;
+        }
 
         record(*controller, 2.0);
         controller->togglePause();
