@@ -18,6 +18,7 @@
 #include "platform/linux/promptsound.h"
 #include "transcription/transcriptionservice.h"
 #include "transcription/whisper/modellibrary.h"
+#include "transcription/whisper/whisperengine.h"
 
 #include <QNetworkAccessManager>
 
@@ -32,9 +33,17 @@ Application::Application(Options options, QObject *parent)
     connect(settings, &AppSettings::saveFolderPathChanged, m_store.get(), &RecordingStore::reload);
 
     m_network = std::make_unique<QNetworkAccessManager>();
+    m_models = std::make_unique<whisper::ModelLibrary>(*m_network);
     m_media = std::make_unique<MediaProcessor>();
+    whisper::ModelLibrary *models = m_models.get();
     m_transcription =
-        std::make_unique<TranscriptionService>(*m_keychain, *m_media, TranscriptionService::cloudEngines(*m_media));
+        std::make_unique<TranscriptionService>(*m_keychain, *m_media,
+                                               [models, cloud = TranscriptionService::cloudEngines(*m_media)](
+                                                   TranscriptionProvider provider) -> std::unique_ptr<SpeechEngine> {
+                                                   if (provider == TranscriptionProvider::onDevice)
+                                                       return std::make_unique<WhisperEngine>(*models);
+                                                   return cloud(provider);
+                                               });
 
     std::unique_ptr<ZoomProbes> probes;
     if (options.watchZoom)
@@ -42,7 +51,12 @@ Application::Application(Options options, QObject *parent)
     else
         probes = std::make_unique<NoZoomProbes>();
     m_zoom = std::make_unique<ZoomMonitor>(std::move(probes));
-    m_permissions = std::make_unique<Permissions>(std::make_unique<platform::LinuxPermissionSources>());
+    m_permissions =
+        std::make_unique<Permissions>(std::make_unique<platform::LinuxPermissionSources>([models, settings] {
+            const QString chosen =
+                whisper::ModelLibrary::chosenModel(settings->model(TranscriptionProvider::onDevice), std::nullopt);
+            return models->isInstalled(chosen);
+        }));
     m_notifier = std::make_unique<platform::DBusNotifier>();
     if (options.watchZoom) {
         m_muteObserver = std::make_unique<ZoomMuteObserver>(

@@ -1,0 +1,410 @@
+#include "transcription/whisper/kernels.h"
+
+#include <immintrin.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <thread>
+#include <vector>
+
+// One copy per instruction set, chosen at load time: the loops below are written so the compiler can
+// vectorise them, and AVX-512 or AVX2 makes the softmax and GELU of the encoder several times cheaper.
+#if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__)
+#define QM_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+#else
+#define QM_VECTOR_CLONES
+#endif
+
+namespace qm::whisper::kernels {
+
+namespace {
+
+constexpr float kLog2e = 1.44269504088896341f;
+constexpr float kLn2High = 0.693359375f;
+constexpr float kLn2Low = -2.12194440e-4f;
+constexpr float kRoundMagic = 12582912.0f; // 1.5 · 2^23: adding and subtracting it rounds to an integer
+
+// e^x to about 2e-7 relative error; 0 below −87 (so −∞ gives exactly 0). Branch-free so loops vectorise.
+#define QM_INLINE inline __attribute__((always_inline))
+
+QM_INLINE float fastExp(float x)
+{
+    const bool tiny = x < -87.0f;
+    x = x < -87.0f ? -87.0f : (x > 88.0f ? 88.0f : x);
+    const float n = (x * kLog2e + kRoundMagic) - kRoundMagic;
+    const float r = x - n * kLn2High - n * kLn2Low;
+    float p = 1.0f / 720.0f;
+    p = p * r + 1.0f / 120.0f;
+    p = p * r + 1.0f / 24.0f;
+    p = p * r + 1.0f / 6.0f;
+    p = p * r + 0.5f;
+    p = p * r + 1.0f;
+    p = p * r + 1.0f;
+    const float scale = __builtin_bit_cast(float, (static_cast<std::int32_t>(n) + 127) << 23);
+    return tiny ? 0.0f : p * scale;
+}
+
+// erf through Abramowitz and Stegun 7.1.26 (absolute error below 1.5e-7).
+QM_INLINE float fastErf(float x)
+{
+    const float a = __builtin_fabsf(x);
+    const float t = 1.0f / (1.0f + 0.3275911f * a);
+    float p = 1.061405429f;
+    p = p * t - 1.453152027f;
+    p = p * t + 1.421413741f;
+    p = p * t - 0.284496736f;
+    p = p * t + 0.254829592f;
+    const float y = 1.0f - p * t * fastExp(-a * a);
+    return __builtin_copysignf(y, x);
+}
+
+// Reductions keep 16 running lanes so they vectorise without reordering permission from the compiler.
+constexpr std::size_t kLanes = 16;
+
+QM_VECTOR_CLONES float rowMax(const float *x, std::size_t count)
+{
+    float lanes[kLanes];
+    for (float &lane : lanes)
+        lane = -std::numeric_limits<float>::infinity();
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes)
+        for (std::size_t j = 0; j < kLanes; ++j)
+            lanes[j] = lanes[j] > x[i + j] ? lanes[j] : x[i + j];
+    for (; i < count; ++i)
+        lanes[0] = lanes[0] > x[i] ? lanes[0] : x[i];
+    float best = lanes[0];
+    for (float lane : lanes)
+        best = best > lane ? best : lane;
+    return best;
+}
+
+QM_VECTOR_CLONES float rowSum(const float *x, std::size_t count)
+{
+    float lanes[kLanes] = {};
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes)
+        for (std::size_t j = 0; j < kLanes; ++j)
+            lanes[j] += x[i + j];
+    for (; i < count; ++i)
+        lanes[0] += x[i];
+    float sum = 0;
+    for (float lane : lanes)
+        sum += lane;
+    return sum;
+}
+
+QM_VECTOR_CLONES void expShift(float *x, std::size_t count, float scale, float shift)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] = fastExp(x[i] * scale - shift);
+}
+
+float expShiftSum(float *x, std::size_t count, float scale, float shift)
+{
+    expShift(x, count, scale, shift);
+    return rowSum(x, count);
+}
+
+QM_VECTOR_CLONES void multiply(float *x, std::size_t count, float factor)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] *= factor;
+}
+
+void scaledSoftmax(float *row, std::size_t count, float scale)
+{
+    const float top = rowMax(row, count) * scale;
+    if (!std::isfinite(top)) {
+        std::fill(row, row + count, 0.0f);
+        return;
+    }
+    const float sum = expShiftSum(row, count, scale, top);
+    multiply(row, count, 1.0f / sum);
+}
+
+} // namespace
+
+float halfToFloat(std::uint16_t half)
+{
+    const std::uint32_t sign = std::uint32_t(half & 0x8000u) << 16;
+    const std::uint32_t exponent = (half >> 10) & 0x1fu;
+    const std::uint32_t mantissa = half & 0x3ffu;
+    if (exponent == 0) {
+        // Zero or subnormal: mantissa · 2^-24.
+        const float magnitude = float(mantissa) * 5.9604644775390625e-8f;
+        return sign ? -magnitude : magnitude;
+    }
+    if (exponent == 31)
+        return std::bit_cast<float>(sign | 0x7f800000u | (mantissa << 13));
+    return std::bit_cast<float>(sign | ((exponent + 112u) << 23) | (mantissa << 13));
+}
+
+std::uint16_t floatToHalf(float value)
+{
+    const std::uint32_t bits = std::bit_cast<std::uint32_t>(value);
+    const std::uint32_t sign = (bits >> 16) & 0x8000u;
+    const std::uint32_t magnitude = bits & 0x7fffffffu;
+    if (magnitude >= 0x7f800000u) // infinity or NaN
+        return std::uint16_t(sign | 0x7c00u | (magnitude > 0x7f800000u ? 0x200u : 0u));
+    if (magnitude >= 0x477ff000u) // rounds past the largest half
+        return std::uint16_t(sign | 0x7c00u);
+    if (magnitude < 0x38800000u) { // subnormal or zero in half precision
+        const float scaled = std::bit_cast<float>(magnitude) * 16777216.0f; // in units of 2^-24
+        return std::uint16_t(sign | std::uint32_t(std::nearbyint(scaled)));
+    }
+    const std::uint32_t rounded = magnitude + 0xfffu + ((magnitude >> 13) & 1u);
+    return std::uint16_t(sign | ((rounded - 0x38000000u) >> 13));
+}
+
+std::vector<std::uint16_t> toHalf(const std::vector<float> &values)
+{
+    std::vector<std::uint16_t> out(values.size());
+    toHalf(values.data(), out.data(), values.size());
+    return out;
+}
+
+// GCC 12 warns about its own AVX-512 conversion and reduction intrinsics (a known false positive).
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+
+namespace {
+
+#if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+__attribute__((target("avx512f"))) void toHalfWide(const float *values, std::uint16_t *out, std::size_t count)
+{
+    std::size_t i = 0;
+    for (; i + 16 <= count; i += 16)
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + i),
+                            _mm512_cvtps_ph(_mm512_loadu_ps(values + i), _MM_FROUND_TO_NEAREST_INT));
+    for (; i < count; ++i)
+        out[i] = floatToHalf(values[i]);
+}
+#endif
+
+} // namespace
+
+void toHalf(const float *values, std::uint16_t *out, std::size_t count)
+{
+#if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+    static const bool wide = (__builtin_cpu_init(), __builtin_cpu_supports("avx512f"));
+    if (wide) {
+        toHalfWide(values, out, count);
+        return;
+    }
+#endif
+    for (std::size_t i = 0; i < count; ++i)
+        out[i] = floatToHalf(values[i]);
+}
+
+namespace {
+
+#if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+__attribute__((target("avx512f"))) void gemvHalfWide(const std::uint16_t *w, const float *x, float *y,
+                                                     std::size_t rows, std::size_t columns, bool accumulate)
+{
+    const std::size_t body = columns / 32 * 32;
+    for (std::size_t r = 0; r < rows; ++r) {
+        const std::uint16_t *row = w + r * columns;
+        __m512 a = _mm512_setzero_ps(), b = _mm512_setzero_ps();
+        for (std::size_t i = 0; i < body; i += 32) {
+            const __m256i low = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(row + i));
+            const __m256i high = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(row + i + 16));
+            a = _mm512_fmadd_ps(_mm512_cvtph_ps(low), _mm512_loadu_ps(x + i), a);
+            b = _mm512_fmadd_ps(_mm512_cvtph_ps(high), _mm512_loadu_ps(x + i + 16), b);
+        }
+        float sum = _mm512_reduce_add_ps(_mm512_add_ps(a, b));
+        for (std::size_t i = body; i < columns; ++i)
+            sum += halfToFloat(row[i]) * x[i];
+        y[r] = accumulate ? y[r] + sum : sum;
+    }
+}
+
+__attribute__((target("avx2,fma,f16c"))) void gemvHalfNarrow(const std::uint16_t *w, const float *x, float *y,
+                                                             std::size_t rows, std::size_t columns, bool accumulate)
+{
+    const std::size_t body = columns / 16 * 16;
+    for (std::size_t r = 0; r < rows; ++r) {
+        const std::uint16_t *row = w + r * columns;
+        __m256 a = _mm256_setzero_ps(), b = _mm256_setzero_ps();
+        for (std::size_t i = 0; i < body; i += 16) {
+            const __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i *>(row + i));
+            const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i *>(row + i + 8));
+            a = _mm256_fmadd_ps(_mm256_cvtph_ps(low), _mm256_loadu_ps(x + i), a);
+            b = _mm256_fmadd_ps(_mm256_cvtph_ps(high), _mm256_loadu_ps(x + i + 8), b);
+        }
+        const __m256 both = _mm256_add_ps(a, b);
+        __m128 folded = _mm_add_ps(_mm256_castps256_ps128(both), _mm256_extractf128_ps(both, 1));
+        folded = _mm_add_ps(folded, _mm_movehl_ps(folded, folded));
+        folded = _mm_add_ss(folded, _mm_movehdup_ps(folded));
+        float sum = _mm_cvtss_f32(folded);
+        for (std::size_t i = body; i < columns; ++i)
+            sum += halfToFloat(row[i]) * x[i];
+        y[r] = accumulate ? y[r] + sum : sum;
+    }
+}
+#endif
+
+#pragma GCC diagnostic pop
+
+void gemvHalfPlain(const std::uint16_t *w, const float *x, float *y, std::size_t rows, std::size_t columns,
+                   bool accumulate)
+{
+    for (std::size_t r = 0; r < rows; ++r) {
+        float sum = 0;
+        for (std::size_t i = 0; i < columns; ++i)
+            sum += halfToFloat(w[r * columns + i]) * x[i];
+        y[r] = accumulate ? y[r] + sum : sum;
+    }
+}
+
+using GemvHalf = void (*)(const std::uint16_t *, const float *, float *, std::size_t, std::size_t, bool);
+
+GemvHalf chooseGemvHalf()
+{
+#if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx512f"))
+        return gemvHalfWide;
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && __builtin_cpu_supports("f16c"))
+        return gemvHalfNarrow;
+#endif
+    return gemvHalfPlain;
+}
+
+} // namespace
+
+void gemvHalf(const std::uint16_t *weights, const float *x, float *y, std::size_t rows, std::size_t columns,
+              bool accumulate)
+{
+    static const GemvHalf chosen = chooseGemvHalf();
+    chosen(weights, x, y, rows, columns, accumulate);
+}
+
+void halfToFloat(const std::uint16_t *half, float *out, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        out[i] = halfToFloat(half[i]);
+}
+
+void softmax(float *row, std::size_t count)
+{
+    scaledSoftmax(row, count, 1.0f);
+}
+
+void scaledSoftmaxRows(float *rows, std::size_t rowCount, std::size_t count, std::size_t stride, float scale,
+                       bool causal)
+{
+    for (std::size_t r = 0; r < rowCount; ++r) {
+        float *row = rows + r * stride;
+        const std::size_t used = causal ? count - (rowCount - 1 - r) : count;
+        scaledSoftmax(row, used, scale);
+        std::fill(row + used, row + count, 0.0f);
+    }
+}
+
+QM_VECTOR_CLONES void gelu(float *x, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] = 0.5f * x[i] * (1.0f + fastErf(x[i] * 0.70710678118654752f));
+}
+
+namespace {
+
+QM_VECTOR_CLONES float squaredDeviation(const float *x, std::size_t count, float mean)
+{
+    float lanes[kLanes] = {};
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes)
+        for (std::size_t j = 0; j < kLanes; ++j)
+            lanes[j] += (x[i + j] - mean) * (x[i + j] - mean);
+    for (; i < count; ++i)
+        lanes[0] += (x[i] - mean) * (x[i] - mean);
+    float sum = 0;
+    for (float lane : lanes)
+        sum += lane;
+    return sum;
+}
+
+QM_VECTOR_CLONES void normalise(const float *x, float *out, std::size_t count, float mean, float inverse,
+                                const float *gain, const float *bias)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        out[i] = (x[i] - mean) * inverse * gain[i] + bias[i];
+}
+
+QM_VECTOR_CLONES float shiftedExpSum(const float *x, std::size_t count, float shift)
+{
+    float lanes[kLanes] = {};
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes)
+        for (std::size_t j = 0; j < kLanes; ++j)
+            lanes[j] += fastExp(x[i + j] - shift);
+    for (; i < count; ++i)
+        lanes[0] += fastExp(x[i] - shift);
+    float sum = 0;
+    for (float lane : lanes)
+        sum += lane;
+    return sum;
+}
+
+} // namespace
+
+void layerNorm(const float *x, float *out, std::size_t count, const float *gain, const float *bias)
+{
+    const float mean = rowSum(x, count) / float(count);
+    const float inverse = 1.0f / std::sqrt(squaredDeviation(x, count, mean) / float(count) + 1e-5f);
+    normalise(x, out, count, mean, inverse, gain, bias);
+}
+
+QM_VECTOR_CLONES void add(float *x, const float *y, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] += y[i];
+}
+
+void broadcastRows(float *out, const float *bias, std::size_t rows, std::size_t count)
+{
+    for (std::size_t r = 0; r < rows; ++r)
+        std::copy(bias, bias + count, out + r * count);
+}
+
+std::size_t argmax(const float *x, std::size_t count)
+{
+    std::size_t best = 0;
+    for (std::size_t i = 1; i < count; ++i)
+        if (x[i] > x[best])
+            best = i;
+    return best;
+}
+
+float logSumExp(const float *x, std::size_t count)
+{
+    const float top = rowMax(x, count);
+    if (!std::isfinite(top))
+        return top;
+    return top + std::log(shiftedExpSum(x, count, top));
+}
+
+void parallelFor(std::size_t count, int threads, const std::function<void(std::size_t, std::size_t)> &body)
+{
+    const std::size_t parts = std::clamp<std::size_t>(std::size_t(std::max(threads, 1)), 1, std::max<std::size_t>(count, 1));
+    if (parts <= 1) {
+        body(0, count);
+        return;
+    }
+    std::vector<std::jthread> helpers;
+    helpers.reserve(parts - 1);
+    const std::size_t step = (count + parts - 1) / parts;
+    for (std::size_t p = 1; p < parts; ++p) {
+        const std::size_t begin = std::min(count, p * step);
+        const std::size_t end = std::min(count, begin + step);
+        if (begin < end)
+            helpers.emplace_back([&body, begin, end] { body(begin, end); });
+    }
+    body(0, std::min(count, step));
+}
+
+} // namespace qm::whisper::kernels

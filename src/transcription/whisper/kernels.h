@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+// Element-wise arithmetic of the network that the BLAS library doesn't cover. Each function is built for several
+// instruction sets and picks the best one the processor has when the program starts. Pointers may not alias
+// unless a function says so; every count is in floats.
+namespace qm::whisper::kernels {
+
+// Half precision (IEEE 754 binary16, as stored in model files) to single precision.
+float halfToFloat(std::uint16_t half);
+void halfToFloat(const std::uint16_t *half, float *out, std::size_t count);
+
+// Single to half precision, rounding to nearest even; out-of-range values become ±∞.
+std::uint16_t floatToHalf(float value);
+std::vector<std::uint16_t> toHalf(const std::vector<float> &values);
+void toHalf(const float *values, std::uint16_t *out, std::size_t count);
+
+// y ← W·x for W of `rows` × `columns` half-precision values, row-major; with `accumulate`, y ← y + W·x.
+// What one decoding step spends its time on: the weights stream from memory once, at half the bytes.
+void gemvHalf(const std::uint16_t *weights, const float *x, float *y, std::size_t rows, std::size_t columns,
+              bool accumulate);
+
+// In place: x ← exp(x − max(x)) / Σ, over one row. Entries of −∞ end up exactly 0.
+void softmax(float *row, std::size_t count);
+// In place, for each of `rows` rows of `count` floats spaced `stride` apart: softmax(scale · x) where only
+// the first `limit(r)` = count − (rows − 1 − r) entries take part (the rest become 0): a causal mask for the
+// last `rows` positions of a sequence of `count`. With `causal` false every entry takes part.
+void scaledSoftmaxRows(float *rows, std::size_t rowCount, std::size_t count, std::size_t stride, float scale,
+                       bool causal);
+
+// In place: x ← x · 0.5 · (1 + erf(x / √2)).
+void gelu(float *x, std::size_t count);
+// out ← (x − mean) / sqrt(var + 1e-5) · gain + bias, for one row of `count`. `out` may be `x`.
+void layerNorm(const float *x, float *out, std::size_t count, const float *gain, const float *bias);
+// x ← x + y.
+void add(float *x, const float *y, std::size_t count);
+// Copies `bias` into each of `rows` rows of `out`, so a following product can accumulate onto it.
+void broadcastRows(float *out, const float *bias, std::size_t rows, std::size_t count);
+
+// Index of the largest value; the first one on ties.
+std::size_t argmax(const float *x, std::size_t count);
+// log Σ exp(x).
+float logSumExp(const float *x, std::size_t count);
+
+// Runs body(begin, end) over [0, count) split into at most `threads` contiguous parts, on this thread and
+// short-lived helpers; returns when all parts are done.
+void parallelFor(std::size_t count, int threads, const std::function<void(std::size_t, std::size_t)> &body);
+
+} // namespace qm::whisper::kernels

@@ -1,0 +1,187 @@
+#include "transcription/whisper/transcriber.h"
+
+#include "transcription/whisper/frontend.h"
+#include "transcription/whisper/kernels.h"
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+namespace qm::whisper {
+
+namespace {
+
+constexpr int kMaxPrompt = 223;
+constexpr int kMaxNewTokens = 224;
+constexpr double kTemperatures[] = {0.0, 0.2, 0.4, 0.6, 0.8, 1.0};
+constexpr float kSilentPeak = 1e-3f; // −60 dBFS: nothing the model could hear as speech
+
+bool cancelled(const std::atomic<bool> *cancel)
+{
+    return cancel && cancel->load(std::memory_order_relaxed);
+}
+
+double logSoftmaxAt(const std::vector<float> &logits, int token)
+{
+    return double(logits[std::size_t(token)]) - double(kernels::logSumExp(logits.data(), logits.size()));
+}
+
+int sample(const std::vector<float> &logits, double temperature, std::mt19937 &random)
+{
+    std::vector<double> weights(logits.size());
+    const float top = *std::max_element(logits.begin(), logits.end());
+    for (std::size_t i = 0; i < logits.size(); ++i)
+        weights[i] = std::isfinite(logits[i]) ? std::exp((double(logits[i]) - top) / temperature) : 0.0;
+    std::discrete_distribution<int> pick(weights.begin(), weights.end());
+    return pick(random);
+}
+
+} // namespace
+
+int detectLanguage(Session &session)
+{
+    const SpecialTokens s = SpecialTokens::forVocabularySize(session.network().hparams().vocabularySize);
+    std::vector<float> logits(std::size_t(s.vocabularySize));
+    const int start = s.startOfTranscript, row = 0;
+    session.truncate(0);
+    session.decode(std::span(&start, 1), std::span(&row, 1), logits.data());
+    const auto first = logits.begin() + s.firstLanguage;
+    return s.firstLanguage + int(std::max_element(first, first + s.languageCount) - first);
+}
+
+WindowResult decodeWindow(Session &session, std::span<const int> prompt, int language, double temperature,
+                          std::span<const int> suppressed, unsigned seed, const std::atomic<bool> *cancel)
+{
+    const SpecialTokens s = SpecialTokens::forVocabularySize(session.network().hparams().vocabularySize);
+    std::vector<int> initial;
+    if (!prompt.empty()) {
+        initial.push_back(s.startOfPrevious);
+        const std::size_t kept = std::min<std::size_t>(prompt.size(), kMaxPrompt);
+        initial.insert(initial.end(), prompt.end() - std::ptrdiff_t(kept), prompt.end());
+    }
+    const int startRow = int(initial.size());
+    initial.push_back(s.startOfTranscript);
+    if (s.multilingual) {
+        initial.push_back(language);
+        initial.push_back(s.transcribe);
+    }
+
+    WindowResult result;
+    result.temperature = temperature;
+    std::vector<float> logits(std::size_t(s.vocabularySize) * 2);
+    const int rows[] = {startRow, int(initial.size()) - 1};
+    session.truncate(0);
+    session.decode(initial, rows, logits.data());
+    {
+        std::vector<float> atStart(logits.begin(), logits.begin() + s.vocabularySize);
+        kernels::softmax(atStart.data(), atStart.size());
+        result.noSpeechProbability = atStart[std::size_t(s.noSpeech)];
+    }
+    std::copy(logits.begin() + s.vocabularySize, logits.end(), logits.begin());
+    logits.resize(std::size_t(s.vocabularySize));
+
+    std::mt19937 random(seed);
+    double sum = 0;
+    const int lastRow = 0;
+    for (int step = 0; step < kMaxNewTokens; ++step) {
+        if (step % 16 == 15 && cancelled(cancel))
+            break;
+        applyRules(logits, RuleInput{s, suppressed, result.tokens});
+        const int next = temperature <= 0 ? int(kernels::argmax(logits.data(), logits.size()))
+                                          : sample(logits, temperature, random);
+        sum += logSoftmaxAt(logits, next);
+        if (next == s.endOfText)
+            break;
+        result.tokens.push_back(next);
+        if (!session.decode(std::span(&next, 1), std::span(&lastRow, 1), logits.data()))
+            break;
+    }
+    result.averageLogProbability = sum / double(result.tokens.size() + 1);
+    return result;
+}
+
+Transcription transcribe(Session &session, std::span<const float> samples, const TranscribeOptions &options)
+{
+    const Network &net = session.network();
+    const SpecialTokens s = SpecialTokens::forVocabularySize(net.hparams().vocabularySize);
+    const std::vector<int> suppressed = [&] {
+        std::vector<int> list = nonSpeechTokens(net.vocabulary());
+        for (int t = s.startOfTranscript; t < s.timestampBegin; ++t)
+            list.push_back(t);
+        return list;
+    }();
+    const LogMel mel = logMelSpectrogram(samples, net.melFilters(), net.hparams().melBins);
+
+    Transcription out;
+    int language = -1;
+    if (s.multilingual && options.language) {
+        language = s.languageToken(*options.language);
+        if (language < 0)
+            language = s.firstLanguage;
+    }
+    std::vector<int> history;
+    std::size_t promptStart = 0;
+    std::vector<float> window(std::size_t(kWindowFrames) * std::size_t(mel.bins));
+
+    for (std::int64_t seek = 0; seek < mel.frames;) {
+        if (cancelled(options.cancel)) {
+            out.cancelled = true;
+            return out;
+        }
+        const int frames = int(std::min<std::int64_t>(kWindowFrames, mel.frames - seek));
+        const double offset = double(seek) / 100.0;
+
+        const std::size_t firstSample = std::size_t(seek) * kHop;
+        const std::size_t sampleCount = std::min(samples.size() - firstSample, std::size_t(frames) * kHop);
+        float peak = 0;
+        for (std::size_t i = firstSample; i < firstSample + sampleCount; ++i)
+            peak = std::max(peak, std::fabs(samples[i]));
+        if (peak < kSilentPeak) {
+            seek += frames;
+            if (options.progress)
+                options.progress(double(seek) / double(mel.frames));
+            continue;
+        }
+
+        std::fill(window.begin(), window.end(), 0.0f);
+        std::copy_n(mel.frame(seek), std::size_t(frames) * std::size_t(mel.bins), window.begin());
+        session.encode(window.data());
+        if (s.multilingual && language < 0)
+            language = detectLanguage(session);
+
+        WindowResult result;
+        for (std::size_t attempt = 0; attempt < std::size(kTemperatures); ++attempt) {
+            const std::span<const int> prompt(history.data() + promptStart, history.size() - promptStart);
+            result = decodeWindow(session, prompt, language, kTemperatures[attempt], suppressed,
+                                  options.seed + unsigned(attempt), options.cancel);
+            result.compressionRatio = compressionRatio(tokenText(net.vocabulary(), result.tokens, s.endOfText).trimmed());
+            if (!needsFallback(result) || cancelled(options.cancel))
+                break;
+        }
+        if (cancelled(options.cancel)) {
+            out.cancelled = true;
+            return out;
+        }
+        if (isSilence(result)) {
+            seek += frames;
+        } else {
+            const WindowSegments split = splitWindow(result.tokens, s, offset, frames);
+            for (const TimedTokens &piece : split.segments) {
+                const QString text = tokenText(net.vocabulary(), piece.tokens, s.endOfText).trimmed();
+                if (text.isEmpty() || piece.end <= piece.start)
+                    continue;
+                out.segments.push_back(TimedText{piece.start, piece.end, text});
+                history.insert(history.end(), piece.tokens.begin(), piece.tokens.end());
+            }
+            seek += split.advance > 0 ? split.advance : frames;
+        }
+        if (result.temperature > 0.5)
+            promptStart = history.size();
+        if (options.progress)
+            options.progress(double(std::min(seek, mel.frames)) / double(mel.frames));
+    }
+    out.language = s.multilingual ? s.languageCode(language) : QString();
+    return out;
+}
+
+} // namespace qm::whisper

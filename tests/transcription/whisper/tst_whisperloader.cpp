@@ -1,0 +1,207 @@
+#include "transcription/whisper/network.h"
+#include "transcription/whisper/whispermodel.h"
+
+#include <QBuffer>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cstring>
+
+using namespace qm::whisper;
+
+namespace {
+
+// Little-endian pieces of a ggml file.
+QByteArray int32s(std::initializer_list<std::int32_t> values)
+{
+    QByteArray out;
+    for (std::int32_t v : values)
+        out.append(reinterpret_cast<const char *>(&v), sizeof v);
+    return out;
+}
+
+QByteArray halfBytes(std::uint16_t h)
+{
+    return QByteArray(reinterpret_cast<const char *>(&h), 2);
+}
+
+// Magic, tiny but plausible sizes, no mel filters, a three-token vocabulary.
+QByteArray header()
+{
+    QByteArray out = int32s({0x67676d6c, 51864, 1500, 64, 2, 1, 448, 64, 2, 1, 80, 1});
+    out += int32s({0, 0});
+    out += int32s({3, 1}) + "a" + int32s({2}) + "bc" + int32s({0});
+    return out;
+}
+
+QByteArray tensorRecord(const QByteArray &name, std::int32_t type, std::initializer_list<std::int32_t> extents,
+                        const QByteArray &data)
+{
+    return int32s({std::int32_t(extents.size()), std::int32_t(name.size()), type}) + int32s(extents) + name + data;
+}
+
+QString writeFile(QTemporaryDir &dir, const QByteArray &bytes)
+{
+    const QString path = dir.filePath(QStringLiteral("model-%1.bin").arg(qHash(bytes)));
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return {};
+    file.write(bytes);
+    return path;
+}
+
+} // namespace
+
+class TestWhisperLoader : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void dequantizesEachType_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<QByteArray>("block");
+        QTest::addColumn<QList<float>>("expected");
+
+        // Scale 0.5 (0x3800), offset −1 (0xbc00) where the form has one.
+        QByteArray q8 = halfBytes(0x3800);
+        QList<float> q8Values;
+        for (int j = 0; j < 32; ++j) {
+            q8.append(char(std::int8_t(j - 16)));
+            q8Values.append(0.5f * float(j - 16));
+        }
+        QTest::newRow("q8_0") << 8 << q8 << q8Values;
+
+        // Nibble j is weight j, its high nibble weight j + 16; the mask's bit j is the fifth bit of weight j.
+        const auto fiveBit = [](bool offset) {
+            QByteArray block = halfBytes(0x3800);
+            if (offset)
+                block += halfBytes(0xbc00);
+            const std::uint32_t mask = 0x8000'0001u; // weight 0 and weight 31 get the fifth bit
+            block.append(reinterpret_cast<const char *>(&mask), 4);
+            QList<float> values(32);
+            for (int j = 0; j < 16; ++j) {
+                const int low = j, high = 15 - j;
+                block.append(char(low | high << 4));
+                const int lowQ = low | (j == 0 ? 16 : 0), highQ = high | (j == 15 ? 16 : 0);
+                values[j] = offset ? 0.5f * float(lowQ) - 1.0f : 0.5f * float(lowQ - 16);
+                values[j + 16] = offset ? 0.5f * float(highQ) - 1.0f : 0.5f * float(highQ - 16);
+            }
+            return std::pair(block, values);
+        };
+        QTest::newRow("q5_0") << 6 << fiveBit(false).first << fiveBit(false).second;
+        QTest::newRow("q5_1") << 7 << fiveBit(true).first << fiveBit(true).second;
+
+        QByteArray f16;
+        QList<float> f16Values;
+        for (int j = 0; j < 32; ++j) {
+            // 1.0, −2.0, 0.5, 65504 (largest), a subnormal, then zeros.
+            static const std::uint16_t bits[] = {0x3c00, 0xc000, 0x3800, 0x7bff, 0x0001};
+            static const float values[] = {1.0f, -2.0f, 0.5f, 65504.0f, 5.9604644775390625e-8f};
+            f16 += halfBytes(j < 5 ? bits[j] : 0);
+            f16Values.append(j < 5 ? values[j] : 0.0f);
+        }
+        QTest::newRow("f16") << 1 << f16 << f16Values;
+
+        QByteArray f32;
+        QList<float> f32Values;
+        for (int j = 0; j < 32; ++j) {
+            const float v = float(j) * 0.25f - 3.0f;
+            f32.append(reinterpret_cast<const char *>(&v), 4);
+            f32Values.append(v);
+        }
+        QTest::newRow("f32") << 0 << f32 << f32Values;
+    }
+
+    void dequantizesEachType()
+    {
+        QFETCH(int, type);
+        QFETCH(QByteArray, block);
+        QFETCH(QList<float>, expected);
+        QTemporaryDir dir;
+        const QString path = writeFile(dir, header() + tensorRecord("w", type, {32, 1}, block));
+        const auto model = loadGgmlModel(path);
+        QVERIFY2(model, model ? "" : qPrintable(model.error().reason));
+        const Tensor *w = model->tensor("w");
+        QVERIFY(w);
+        QCOMPARE(w->shape, (std::vector<std::int64_t>{1, 32}));
+        QCOMPARE(QList<float>(w->values.begin(), w->values.end()), expected);
+        QCOMPARE(model->hparams.vocabularySize, 51864);
+        QCOMPARE(model->vocabulary, (std::vector<std::string>{"a", "bc", ""}));
+    }
+
+    void rejectsDamagedFiles_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("reason");
+
+        const QByteArray good = header() + tensorRecord("w", 0, {32, 2}, QByteArray(256, '\0'));
+        QTest::newRow("empty") << QByteArray() << QStringLiteral("empty");
+        QTest::newRow("wrong magic") << QByteArray("GGUF") + good.mid(4) << QStringLiteral("isn't a speech model");
+        for (int cut : {6, 30, 52, 60, 70, 80, int(good.size()) - 1})
+            QTest::newRow(qPrintable(QStringLiteral("cut at %1").arg(cut))) << good.left(cut) << QStringLiteral("cut short");
+
+        QByteArray noHeads = header();
+        std::memset(noHeads.data() + 16, 0, 4);
+        QTest::newRow("zero heads") << noHeads << QStringLiteral("sizes");
+        QByteArray hugeVocabulary = header();
+        const std::int32_t huge = 0x7fffffff;
+        std::memcpy(hugeVocabulary.data() + 56, &huge, 4);
+        QTest::newRow("vocabulary count") << hugeVocabulary << QStringLiteral("vocabulary");
+        QTest::newRow("huge tensor") << header() + tensorRecord("w", 0, {1 << 30, 1 << 30}, {})
+                                     << QStringLiteral("damaged");
+        QTest::newRow("unknown type") << header() + tensorRecord("w", 12, {32}, QByteArray(64, '\0'))
+                                      << QStringLiteral("weight type (12)");
+        QTest::newRow("partial block") << header() + tensorRecord("w", 8, {16}, QByteArray(34, '\0'))
+                                       << QStringLiteral("partial block");
+        QTest::newRow("no weights") << header() << QStringLiteral("no weights");
+    }
+
+    void rejectsDamagedFiles()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, reason);
+        QTemporaryDir dir;
+        const auto model = loadGgmlModel(writeFile(dir, bytes));
+        QVERIFY(!model);
+        QVERIFY2(model.error().reason.contains(reason), qPrintable(model.error().reason));
+    }
+
+    // The synthetic model round-trips through the loader into a network; every cut of it is refused cleanly.
+    void syntheticModelLoadsAndCutsAreRefused()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("test.bin"));
+        QCOMPARE(QProcess::execute(QStringLiteral(QM_MAKE_TEST_MODEL), {path}), 0);
+        auto model = loadModel(path);
+        QVERIFY2(model, model ? "" : qPrintable(model.error().reason));
+        QCOMPARE(model->hparams.textLayers, 1);
+        QCOMPARE(model->tensor("encoder.conv1.bias")->shape, (std::vector<std::int64_t>{64}));
+        QVERIFY(Network::create(std::move(*model)));
+
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QByteArray whole = file.readAll();
+        for (qsizetype cut : {qsizetype(100), whole.size() / 3, whole.size() - 7}) {
+            const auto damaged = loadGgmlModel(writeFile(dir, whole.left(cut)));
+            QVERIFY(!damaged);
+            QVERIFY2(damaged.error().reason.contains(QLatin1String("cut short")), qPrintable(damaged.error().reason));
+        }
+    }
+
+    void networkNamesAMissingWeight()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("test.bin"));
+        QCOMPARE(QProcess::execute(QStringLiteral(QM_MAKE_TEST_MODEL), {path}), 0);
+        auto model = loadModel(path);
+        QVERIFY(model);
+        model->tensors.erase("decoder.blocks.0.cross_attn.value.weight");
+        const auto network = Network::create(std::move(*model));
+        QVERIFY(!network);
+        QVERIFY(network.error().reason.contains(QLatin1String("decoder.blocks.0.cross_attn.value.weight")));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestWhisperLoader)
+#include "tst_whisperloader.moc"

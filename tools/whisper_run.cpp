@@ -1,0 +1,75 @@
+// Usage: qm_whisper_run MODEL AUDIO [LANGUAGE] [--threads N] [--profile]
+// MODEL is a ggml file or a CTranslate2 directory; AUDIO anything FFmpeg reads.
+
+#include "transcription/whisper/frontend.h"
+#include "transcription/whisper/network.h"
+#include "transcription/whisper/speechaudio.h"
+#include "transcription/whisper/transcriber.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
+#include <cstdio>
+
+using namespace qm::whisper;
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const QStringList args = app.arguments();
+    if (args.size() < 3) {
+        std::fprintf(stderr, "usage: qm_whisper_run MODEL AUDIO [LANGUAGE]\n");
+        return 2;
+    }
+    QElapsedTimer clock;
+    clock.start();
+    auto model = loadModel(args.at(1));
+    if (!model) {
+        std::fprintf(stderr, "%s\n", qPrintable(model.error().reason));
+        return 1;
+    }
+    auto network = Network::create(std::move(*model));
+    if (!network) {
+        std::fprintf(stderr, "%s\n", qPrintable(network.error().reason));
+        return 1;
+    }
+    const double loadSeconds = double(clock.restart()) / 1000.0;
+    auto samples = readSpeechAudio(args.at(2));
+    if (!samples) {
+        std::fprintf(stderr, "%s\n", qPrintable(samples.error()));
+        return 1;
+    }
+    const double audioSeconds = double(samples->size()) / 16000.0;
+    const qsizetype threadsAt = args.indexOf(QStringLiteral("--threads"));
+    Session session(*network, threadsAt > 0 && threadsAt + 1 < args.size() ? args.at(threadsAt + 1).toInt() : 0);
+    if (args.contains(QStringLiteral("--profile"))) {
+        // Time one window's stages separately.
+        const LogMel mel = logMelSpectrogram(*samples, (*network)->melFilters(), (*network)->hparams().melBins);
+        std::vector<float> window(std::size_t(kWindowFrames) * std::size_t(mel.bins), 0.0f);
+        std::copy_n(mel.frame(0), std::min<std::int64_t>(mel.frames, kWindowFrames) * mel.bins, window.begin());
+        for (int i = 0; i < 3; ++i) {
+            clock.restart();
+            session.encode(window.data());
+            std::fprintf(stderr, "encode %.3f s\n", double(clock.nsecsElapsed()) / 1e9);
+        }
+        const SpecialTokens s = SpecialTokens::forVocabularySize((*network)->hparams().vocabularySize);
+        const std::vector<int> suppressed = nonSpeechTokens((*network)->vocabulary());
+        clock.restart();
+        const WindowResult r = decodeWindow(session, {}, s.firstLanguage, 0.0, suppressed, 0);
+        const double decodeSeconds = double(clock.nsecsElapsed()) / 1e9;
+        std::fprintf(stderr, "decode %zu tokens %.3f s (%.2f ms a token)\n", r.tokens.size(), decodeSeconds,
+                     decodeSeconds * 1000 / double(r.tokens.size() + 1));
+        return 0;
+    }
+    clock.restart();
+    TranscribeOptions options;
+    if (args.size() > 3 && !args.at(3).startsWith(u'-'))
+        options.language = args.at(3);
+    const Transcription result = transcribe(session, *samples, options);
+    const double seconds = double(clock.elapsed()) / 1000.0;
+    for (const TimedText &segment : result.segments)
+        std::printf("[%7.2f → %7.2f] %s\n", segment.start, segment.end, qPrintable(segment.text));
+    std::fprintf(stderr, "language %s; model load %.2f s; %.1f s of audio in %.2f s: real-time factor %.4f\n",
+                 qPrintable(result.language), loadSeconds, audioSeconds, seconds, seconds / audioSeconds);
+    return 0;
+}
