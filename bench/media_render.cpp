@@ -4,6 +4,8 @@
 #include "capture/audiosettings.h"
 #include "capture/ffmpeg/mediarender.h"
 
+#include "benchtools.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -15,30 +17,9 @@
 #include <cstdio>
 
 using namespace qm;
+using qm::bench::ffmpeg;
 
 namespace {
-
-bool ffmpeg(const QStringList &arguments)
-{
-    QProcess process;
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start(QStringLiteral("ffmpeg"),
-                  QStringList{QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-y")} + arguments);
-    return process.waitForFinished(-1) && process.exitCode() == 0;
-}
-
-// Fixtures are made once and kept: producing an hour of video takes longer than the measurement.
-bool ensure(const QString &path, const QStringList &arguments)
-{
-    if (QFileInfo(path).size() > 0)
-        return true;
-    std::printf("generating %s…\n", qPrintable(QFileInfo(path).fileName()));
-    std::fflush(stdout);
-    const QString partial = path + QStringLiteral(".part.") + QFileInfo(path).suffix();
-    if (!ffmpeg(arguments + QStringList{partial}))
-        return false;
-    return QFile::rename(partial, path);
-}
 
 double seconds(const std::function<bool()> &work)
 {
@@ -70,17 +51,19 @@ int main(int argc, char *argv[])
 
     const QStringList lavfi{QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i")};
     const bool ready =
-        ensure(meeting, lavfi + QStringList{QStringLiteral("anoisesrc=r=48000:a=0.1:d=") + duration,
-                                            QStringLiteral("-ac"), QStringLiteral("2"), QStringLiteral("-c:a"),
-                                            QStringLiteral("aac"), QStringLiteral("-b:a"), QStringLiteral("256k")}) &&
-        ensure(microphone,
-               lavfi + QStringList{QStringLiteral("sine=frequency=220:sample_rate=48000:duration=") + duration,
-                                   QStringLiteral("-c:a"), QStringLiteral("aac"), QStringLiteral("-b:a"),
-                                   QStringLiteral("128k")}) &&
-        ensure(screen, lavfi + QStringList{QStringLiteral("testsrc2=size=1280x720:rate=15:duration=") + duration,
-                                           QStringLiteral("-c:v"), QStringLiteral("libx264"), QStringLiteral("-preset"),
-                                           QStringLiteral("ultrafast"), QStringLiteral("-g"), QStringLiteral("150"),
-                                           QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p")});
+        bench::ensureFixture(meeting, lavfi + QStringList{QStringLiteral("anoisesrc=r=48000:a=0.1:d=") + duration,
+                                                          QStringLiteral("-ac"), QStringLiteral("2"),
+                                                          QStringLiteral("-c:a"), QStringLiteral("aac"),
+                                                          QStringLiteral("-b:a"), QStringLiteral("256k")}) &&
+        bench::ensureFixture(
+            microphone, lavfi + QStringList{QStringLiteral("sine=frequency=220:sample_rate=48000:duration=") + duration,
+                                            QStringLiteral("-c:a"), QStringLiteral("aac"), QStringLiteral("-b:a"),
+                                            QStringLiteral("128k")}) &&
+        bench::ensureFixture(
+            screen, lavfi + QStringList{QStringLiteral("testsrc2=size=1280x720:rate=15:duration=") + duration,
+                                        QStringLiteral("-c:v"), QStringLiteral("libx264"), QStringLiteral("-preset"),
+                                        QStringLiteral("ultrafast"), QStringLiteral("-g"), QStringLiteral("150"),
+                                        QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p")});
     if (!ready) {
         std::fprintf(stderr, "could not generate the fixtures (is ffmpeg with libx264 installed?)\n");
         return 1;

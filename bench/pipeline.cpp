@@ -15,6 +15,8 @@
 #include "transcription/deepgramengine.h"
 #include "transcription/transcriptionservice.h"
 
+#include "benchtools.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -30,35 +32,21 @@ using namespace qm;
 
 namespace {
 
-bool ffmpeg(const QStringList &arguments)
+// The two tracks of a stopped recording, generated once per length.
+bool ensureTracks(const QString &meeting, const QString &microphone, const QString &duration)
 {
-    QProcess process;
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start(QStringLiteral("ffmpeg"),
-                  QStringList{QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-y")} + arguments);
-    return process.waitForFinished(-1) && process.exitCode() == 0;
-}
-
-// Tracks are generated once per length and kept in the benchmark cache.
-bool ensureTrack(const QString &path, const QString &source, int channels, const QString &bitRate)
-{
-    if (QFileInfo(path).size() > 0)
-        return true;
-    std::printf("generating %s…\n", qPrintable(QFileInfo(path).fileName()));
-    std::fflush(stdout);
-    const QString partial = path + QStringLiteral(".part.m4a");
-    const QStringList arguments{QStringLiteral("-f"),
-                                QStringLiteral("lavfi"),
-                                QStringLiteral("-i"),
-                                source,
-                                QStringLiteral("-ac"),
-                                QString::number(channels),
-                                QStringLiteral("-c:a"),
-                                QStringLiteral("aac"),
-                                QStringLiteral("-b:a"),
-                                bitRate,
-                                partial};
-    return ffmpeg(arguments) && QFile::rename(partial, path);
+    auto track = [&](const QString &source, int channels, const QString &bitRate) {
+        return QStringList{QStringLiteral("-f"),   QStringLiteral("lavfi"),
+                           QStringLiteral("-i"),   source,
+                           QStringLiteral("-ac"),  QString::number(channels),
+                           QStringLiteral("-c:a"), QStringLiteral("aac"),
+                           QStringLiteral("-b:a"), bitRate};
+    };
+    return bench::ensureFixture(
+               meeting, track(QStringLiteral("anoisesrc=r=48000:a=0.1:d=") + duration, 2, QStringLiteral("256k"))) &&
+           bench::ensureFixture(microphone,
+                                track(QStringLiteral("sine=frequency=220:sample_rate=48000:duration=") + duration, 1,
+                                      QStringLiteral("128k")));
 }
 
 bool waitFor(const std::function<bool()> &done)
@@ -82,9 +70,7 @@ int main(int argc, char *argv[])
     QDir().mkpath(cache);
     const QString meeting = cache + QStringLiteral("/meeting-audio.m4a");
     const QString microphone = cache + QStringLiteral("/microphone.m4a");
-    if (!ensureTrack(meeting, QStringLiteral("anoisesrc=r=48000:a=0.1:d=") + duration, 2, QStringLiteral("256k")) ||
-        !ensureTrack(microphone, QStringLiteral("sine=frequency=220:sample_rate=48000:duration=") + duration, 1,
-                     QStringLiteral("128k"))) {
+    if (!ensureTracks(meeting, microphone, duration)) {
         std::printf("pipeline: could not generate the tracks\n");
         return 1;
     }
@@ -145,11 +131,11 @@ int main(int argc, char *argv[])
     }
 
     timer.restart();
-    const bool referenceRan =
-        ffmpeg({QStringLiteral("-i"), meeting, QStringLiteral("-i"), microphone, QStringLiteral("-filter_complex"),
-                QStringLiteral("[1]aresample=48000,pan=stereo|c0=c0|c1=c0[m];[0][m]amix=inputs=2:normalize=0"),
-                QStringLiteral("-c:a"), QStringLiteral("aac"), QStringLiteral("-b:a"), QStringLiteral("256k"),
-                scratch.filePath(QStringLiteral("reference.m4a"))});
+    const bool referenceRan = bench::ffmpeg(
+        {QStringLiteral("-i"), meeting, QStringLiteral("-i"), microphone, QStringLiteral("-filter_complex"),
+         QStringLiteral("[1]aresample=48000,pan=stereo|c0=c0|c1=c0[m];[0][m]amix=inputs=2:normalize=0"),
+         QStringLiteral("-c:a"), QStringLiteral("aac"), QStringLiteral("-b:a"), QStringLiteral("256k"),
+         scratch.filePath(QStringLiteral("reference.m4a"))});
     const double reference = double(timer.nsecsElapsed()) / 1e9;
 
     const double perHour = 3600.0 / recorded;

@@ -152,14 +152,15 @@ private Q_SLOTS:
                         {QStringLiteral("aCrashLeavesEverythingUpToTheLastFragment")});
             QVERIFY(child.waitForFinished(120000));
             const double seconds = streamInfo(path("crashed.m4a")).value(QLatin1String("format_duration")).toDouble();
-            QVERIFY2(seconds >= 19.9 && seconds <= 25.0, qPrintable(QString::number(seconds)));
+            QVERIFY2(seconds >= 9.9 && seconds <= 13.0, qPrintable(QString::number(seconds)));
             return;
         }
+        // A low bit rate, so that one fragment is far smaller than any I/O buffer that could hold it back.
         auto writer =
-            TrackWriter::createAudio(qEnvironmentVariable("QM_WRITER_CHILD"), audioSettings(AudioQuality::high, 2));
+            TrackWriter::createAudio(qEnvironmentVariable("QM_WRITER_CHILD"), audioSettings(AudioQuality::standard, 2));
         QVERIFY(writer);
         (*writer)->start(kSession);
-        feed(**writer, 25.0);
+        feed(**writer, 13.0);
         QTest::qWait(1000); // let the encoder catch up, then die without finishing
         std::_Exit(0);
     }

@@ -44,6 +44,9 @@ expected<std::unique_ptr<TrackEncoder>, QString> TrackEncoder::openOutput(const 
     result = avio_open(&encoder->m_output->pb, file.constData(), AVIO_FLAG_WRITE);
     if (result < 0)
         return Failure(errorText(result));
+    // Each finished fragment goes to the file at once; left in the I/O buffer (256 KiB, half a minute of
+    // audio) it would be lost with the process.
+    encoder->m_output->flags |= AVFMT_FLAG_FLUSH_PACKETS;
     encoder->m_frame.reset(av_frame_alloc());
     encoder->m_packet.reset(av_packet_alloc());
     return encoder;

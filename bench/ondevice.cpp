@@ -1,0 +1,363 @@
+// Transcribes a few minutes of espeak-ng speech followed by silence with our Whisper engine and with
+// faster-whisper (the reference), on the same real weights, with two threads and greedy decoding, in the same
+// run. Prints each side's real-time factor, their ratio, each side's word error rate against the known text,
+// and the words each invents on the silence, for every real model in the test-model cache.
+//
+// Models: every one in scripts/fetch-test-model's cache ($QM_MODEL_CACHE, by default
+// ~/.cache/quillmoor-test-models), or only the directory QM_BENCH_MODEL_DIR names. The reference runs in a virtual
+// environment made once at $XDG_CACHE_HOME/quillmoor-bench/venv with faster-whisper from the Python package index;
+// without it (or without models) the benchmark says so and measures what it can.
+
+#include "transcription/whisper/modellibrary.h"
+#include "transcription/whisper/whisperengine.h"
+
+#include <QCoreApplication>
+#include <QCoroTask>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <cstdio>
+#include <optional>
+
+using namespace qm;
+
+namespace {
+
+constexpr int threads = 2;
+constexpr double silenceSeconds = 60;
+
+// Original prose in plain words (no digits or names, which either side may spell in more than one way).
+const char *const knownText =
+    "Every team has a different way of running its weekly meeting, but the good ones share a few habits. "
+    "They start on time, they keep a short list of topics, and they write down what was decided before "
+    "anyone leaves the room. The notes do not have to be long. A few lines for each topic are usually "
+    "enough, as long as they say who will do what and by when. "
+    "When people join from home, the sound matters more than the picture. A cheap headset with a "
+    "microphone close to the mouth is better than an expensive camera. Background noise from a kitchen or "
+    "a busy street makes it hard for the others to follow, and it makes the recording much harder to "
+    "understand later. It helps to mute the microphone while listening and to speak a little slower than "
+    "usual. "
+    "Recording a meeting is useful when someone could not attend, or when the details are easy to forget. "
+    "A written transcript is even more useful, because it can be searched. Instead of listening to an "
+    "hour of audio to find the moment when the budget was discussed, you can type a word and jump straight "
+    "to the right place. This saves a surprising amount of time over the course of a month. "
+    "Privacy is the other side of the story. Some meetings cover sensitive subjects, such as salaries, "
+    "health, or plans that are not yet public. In those cases many companies prefer that the audio never "
+    "leaves their own computers. A model that runs on the laptop itself answers that concern, as long as "
+    "it is fast enough to finish the work while the user gets a cup of coffee. "
+    "Speed depends on the size of the model and on the number of cores. A small model finishes quickly "
+    "but makes more mistakes with unusual words. A larger model is more careful, but it needs more memory "
+    "and more patience. For most everyday meetings a medium choice is the sensible default, and people "
+    "who need more accuracy can pick a bigger one in the settings. "
+    "Some teams go one step further and share a short summary after every meeting. The summary lists the "
+    "decisions, the open questions and the tasks, each with a name next to it. People who missed the meeting "
+    "read the summary first and open the full transcript only when they want the details. Over time the "
+    "collection of summaries becomes a kind of diary of the project, which is very helpful when a new "
+    "colleague joins and wants to understand why things are the way they are. "
+    "Languages add another layer. In many offices people switch between two languages during the same "
+    "conversation, and a good model should follow them without being told. It should also cope with "
+    "accents, with people who speak quickly, and with the small pauses and repeated words that are normal "
+    "in real speech but look strange when written down. Nobody talks the way a book is written, and a "
+    "transcript that tried to pretend otherwise would lose some of the meaning. "
+    "Silence deserves a word as well. A recording often begins a minute or two before anyone speaks, and it "
+    "may end with the sound of an empty room. A careful program writes nothing for those stretches. It "
+    "should never invent sentences just because it was asked to listen, since a made up line in the notes "
+    "can cause real confusion later on. "
+    "Finally, a good tool stays out of the way. It should start recording when the meeting begins, stop "
+    "when it ends, and have the transcript ready shortly afterwards without asking any questions. The best "
+    "compliment such a tool can receive is that nobody remembers it is there until they need it.";
+
+bool run(const QString &program, const QStringList &arguments, QByteArray *output = nullptr, int timeoutMs = -1)
+{
+    QProcess process;
+    process.setProcessChannelMode(output ? QProcess::ForwardedErrorChannel : QProcess::ForwardedChannels);
+    process.start(program, arguments);
+    const bool ok =
+        process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    if (output)
+        *output = process.readAllStandardOutput();
+    return ok;
+}
+
+double durationOf(const QString &audio)
+{
+    QByteArray out;
+    run(QStringLiteral("ffprobe"),
+        {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"),
+         QStringLiteral("format=duration"), QStringLiteral("-of"), QStringLiteral("default=nw=1:nk=1"), audio},
+        &out);
+    return out.trimmed().toDouble();
+}
+
+// The known text spoken, then `silenceSeconds` of digital silence, as AAC in MPEG-4 at 16 kHz mono (what the
+// speech export hands the engine). Answers the seconds at which the speech ends.
+std::optional<double> makeAudio(const QDir &dir, const QString &audio)
+{
+    const QString wav = dir.filePath(QStringLiteral("speech.wav"));
+    if (!run(QStringLiteral("espeak-ng"),
+             {QStringLiteral("-s"), QStringLiteral("160"), QStringLiteral("-w"), wav, QString::fromUtf8(knownText)}))
+        return std::nullopt;
+    const QString filter = QStringLiteral("[0:a]aresample=16000,aformat=channel_layouts=mono[s];"
+                                          "[s][1:a]concat=n=2:v=0:a=1[out]");
+    if (!run(QStringLiteral("ffmpeg"), {QStringLiteral("-v"),
+                                        QStringLiteral("error"),
+                                        QStringLiteral("-y"),
+                                        QStringLiteral("-i"),
+                                        wav,
+                                        QStringLiteral("-f"),
+                                        QStringLiteral("lavfi"),
+                                        QStringLiteral("-t"),
+                                        QString::number(silenceSeconds),
+                                        QStringLiteral("-i"),
+                                        QStringLiteral("anullsrc=r=16000:cl=mono"),
+                                        QStringLiteral("-filter_complex"),
+                                        filter,
+                                        QStringLiteral("-map"),
+                                        QStringLiteral("[out]"),
+                                        QStringLiteral("-c:a"),
+                                        QStringLiteral("aac"),
+                                        QStringLiteral("-b:a"),
+                                        QStringLiteral("32k"),
+                                        audio}))
+        return std::nullopt;
+    return durationOf(wav);
+}
+
+QStringList words(const QString &text)
+{
+    static const QRegularExpression notWord(QStringLiteral("[^a-z' ]"));
+    return text.toLower().replace(u'-', u' ').remove(notWord).split(u' ', Qt::SkipEmptyParts);
+}
+
+double wordErrorRate(const QStringList &reference, const QStringList &hypothesis)
+{
+    std::vector<int> previous(std::size_t(hypothesis.size()) + 1), current(previous.size());
+    for (std::size_t j = 0; j < previous.size(); ++j)
+        previous[j] = int(j);
+    for (qsizetype i = 1; i <= reference.size(); ++i) {
+        current[0] = int(i);
+        for (qsizetype j = 1; j <= hypothesis.size(); ++j) {
+            const int substitution = previous[std::size_t(j - 1)] + (reference[i - 1] == hypothesis[j - 1] ? 0 : 1);
+            current[std::size_t(j)] =
+                std::min({substitution, previous[std::size_t(j)] + 1, current[std::size_t(j - 1)] + 1});
+        }
+        std::swap(previous, current);
+    }
+    return reference.isEmpty() ? 0.0 : double(previous.back()) / double(reference.size());
+}
+
+struct Outcome {
+    double seconds = 0;
+    Segments segments;
+    QString note; // the reason there are no figures, or an extra remark
+    bool ok = false;
+};
+
+struct Figures {
+    double rtf = 0;
+    double wer = 0;
+    qsizetype silenceWords = 0;
+};
+
+// QM_BENCH_TRANSCRIPTS=1 prints each transcript, to see what the word error rate is made of.
+Figures figuresOf(const Outcome &outcome, double audioSeconds, double speechEnd)
+{
+    Figures f;
+    f.rtf = outcome.seconds / audioSeconds;
+    QString all;
+    for (const auto &segment : outcome.segments) {
+        all += segment.text + u' ';
+        // A segment that starts after the last word was spoken can only be invented.
+        if (segment.start > speechEnd + 1.0)
+            f.silenceWords += words(segment.text).size();
+        if (qEnvironmentVariableIsSet("QM_BENCH_TRANSCRIPTS"))
+            std::printf("  [%7.2f %7.2f] %s\n", segment.start, segment.end, qPrintable(segment.text));
+    }
+    f.wer = wordErrorRate(words(QString::fromUtf8(knownText)), words(all));
+    return f;
+}
+
+Outcome runOurs(const QString &model, const QString &audio, const QString &warmUp, double duration)
+{
+    QNetworkAccessManager network;
+    QTemporaryDir libraryDir;
+    whisper::ModelLibrary library(network, libraryDir.path());
+    WhisperEngine engine(library);
+    const auto transcribe = [&](const QString &file, double seconds) {
+        EngineRequest request;
+        request.audio = QUrl::fromLocalFile(file);
+        request.duration = seconds;
+        request.language = QStringLiteral("en");
+        request.model = model;
+        return QCoro::waitFor(engine.transcribe(request, [](const QString &) {}));
+    };
+    Outcome outcome;
+    // The engine keeps a loaded model for the next call, so a short first call keeps loading out of the timing,
+    // as the reference's does.
+    if (const auto warm = transcribe(warmUp, 5); !warm && warm.error().kind != TranscriptionError::Kind::noSpeech) {
+        outcome.note = warm.error().description();
+        return outcome;
+    }
+    QElapsedTimer timer;
+    timer.start();
+    const auto result = transcribe(audio, duration);
+    outcome.seconds = double(timer.nsecsElapsed()) / 1e9;
+    if (!result) {
+        outcome.note = result.error().description();
+        return outcome;
+    }
+    outcome.segments = *result;
+    outcome.ok = true;
+    return outcome;
+}
+
+QString referencePython()
+{
+    const QString cache = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
+    const QString venv = cache + QStringLiteral("/quillmoor-bench/venv");
+    const QString python = venv + QStringLiteral("/bin/python");
+    if (QFileInfo::exists(python) &&
+        run(python, {QStringLiteral("-c"), QStringLiteral("import faster_whisper")}, nullptr, 60000))
+        return python;
+    std::printf("installing faster-whisper into %s (once)…\n", qPrintable(venv));
+    std::fflush(stdout);
+    QDir().mkpath(venv);
+    if (!run(QStringLiteral("python3"), {QStringLiteral("-m"), QStringLiteral("venv"), venv}) ||
+        !run(venv + QStringLiteral("/bin/pip"),
+             {QStringLiteral("install"), QStringLiteral("--quiet"), QStringLiteral("faster-whisper")}))
+        return {};
+    return python;
+}
+
+Outcome runReference(const QString &python, const QString &model, const QString &audio)
+{
+    Outcome outcome;
+    if (python.isEmpty()) {
+        outcome.note = QStringLiteral("faster-whisper could not be installed");
+        return outcome;
+    }
+    QByteArray out;
+    if (!run(python,
+             {QStringLiteral(QM_BENCH_DIR "/ondevice-reference.py"), model, audio, QString::number(threads),
+              QStringLiteral("en")},
+             &out)) {
+        outcome.note = QStringLiteral("faster-whisper failed");
+        return outcome;
+    }
+    const QJsonObject answer = QJsonDocument::fromJson(out).object();
+    outcome.seconds = answer.value(QLatin1String("seconds")).toDouble();
+    for (const auto &entry : answer.value(QLatin1String("segments")).toArray()) {
+        const QJsonArray s = entry.toArray();
+        TranscriptSegment segment;
+        segment.start = s.at(0).toDouble();
+        segment.end = s.at(1).toDouble();
+        segment.text = s.at(2).toString();
+        outcome.segments.append(segment);
+    }
+    outcome.note = answer.value(QLatin1String("compute_type")).toString();
+    outcome.ok = true;
+    return outcome;
+}
+
+// Model directories to measure, smallest first: name → path.
+QList<QPair<QString, QString>> models()
+{
+    QList<QPair<QString, QString>> found;
+    if (const QString only = qEnvironmentVariable("QM_BENCH_MODEL_DIR"); !only.isEmpty())
+        return {{QFileInfo(only).fileName(), only}};
+    QString cache = qEnvironmentVariable("QM_MODEL_CACHE");
+    if (cache.isEmpty())
+        cache = QDir::homePath() + QStringLiteral("/.cache/quillmoor-test-models");
+    for (const char *name : {"tiny.en", "tiny", "base.en", "base", "small.en", "small"}) {
+        const QString path = cache + u'/' + QLatin1String(name);
+        if (QFileInfo::exists(path + QStringLiteral("/model.bin")))
+            found.append({QLatin1String(name), path});
+    }
+    return found;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    // The engine runs one thread per core; on this benchmark's two-core machine that is the reference's two.
+    std::printf("threads: %d (this machine has %d cores)\n", threads, QThread::idealThreadCount());
+
+    // Both models the suite knows how to fetch; a machine without the package index keeps what it has.
+    QByteArray fetched;
+    run(QStringLiteral(QM_SOURCE_DIR "/scripts/fetch-test-model"), {QStringLiteral("all")}, &fetched, 600000);
+    const auto found = models();
+    if (found.isEmpty()) {
+        std::printf("no real Whisper model is cached (scripts/fetch-test-model fetches them); nothing to measure\n");
+        return 0;
+    }
+
+    QTemporaryDir scratch;
+    const QString audio = scratch.filePath(QStringLiteral("meeting.m4a"));
+    const QString warmUp = scratch.filePath(QStringLiteral("warmup.m4a"));
+    const auto speechEnd = makeAudio(QDir(scratch.path()), audio);
+    if (!speechEnd ||
+        !run(QStringLiteral("ffmpeg"),
+             {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-y"), QStringLiteral("-i"), audio,
+              QStringLiteral("-t"), QStringLiteral("5"), QStringLiteral("-c"), QStringLiteral("copy"), warmUp})) {
+        std::printf("espeak-ng or ffmpeg failed; nothing to measure\n");
+        return 1;
+    }
+    const double audioSeconds = durationOf(audio);
+    std::printf("audio: %.0f s of speech (%lld words) then %.0f s of silence\n", *speechEnd,
+                static_cast<long long>(words(QString::fromUtf8(knownText)).size()), silenceSeconds);
+    const QString python = referencePython();
+
+    bool met = true;
+    for (const auto &[name, path] : found) {
+        std::printf("== %s (%s)\n", qPrintable(name), qPrintable(path));
+        std::fflush(stdout);
+        const Outcome ours = runOurs(path, audio, warmUp, audioSeconds);
+        const Outcome reference = runReference(python, path, audio);
+        std::optional<Figures> a, b;
+        if (ours.ok) {
+            a = figuresOf(ours, audioSeconds, *speechEnd);
+            std::printf("ours:           RTF %.3f (%.1f s)  WER %.3f  words on silence %lld\n", a->rtf, ours.seconds,
+                        a->wer, static_cast<long long>(a->silenceWords));
+        } else {
+            std::printf("ours:           not measured: %s\n", qPrintable(ours.note));
+        }
+        if (reference.ok) {
+            b = figuresOf(reference, audioSeconds, *speechEnd);
+            std::printf("faster-whisper: RTF %.3f (%.1f s)  WER %.3f  words on silence %lld  (%s)\n", b->rtf,
+                        reference.seconds, b->wer, static_cast<long long>(b->silenceWords), qPrintable(reference.note));
+        } else {
+            std::printf("faster-whisper: not measured: %s\n", qPrintable(reference.note));
+        }
+        if (!a) {
+            met = false;
+            continue;
+        }
+        if (b) {
+            std::printf("ratio ours/faster-whisper: %.2f (aim <= 1.00 at equal or better WER)\n", a->rtf / b->rtf);
+            met = met && a->rtf <= b->rtf && a->wer <= b->wer + 0.005;
+        }
+        const bool base = name.startsWith(QLatin1String("base")), small = name.startsWith(QLatin1String("small"));
+        if (base || small) {
+            const double aim = base ? 0.06 : 0.2;
+            std::printf("%s RTF aim <= %.2f: %s\n", qPrintable(name), aim, a->rtf <= aim ? "met" : "missed");
+            met = met && a->rtf <= aim;
+        }
+        met = met && a->silenceWords == 0;
+    }
+    std::printf("verdict: %s (aims: ours no slower than faster-whisper at equal or better WER, base RTF <= 0.06, "
+                "small <= 0.2, no words on silence)\n",
+                met ? "met" : "missed");
+    return met ? 0 : 1;
+}
