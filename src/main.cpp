@@ -1,21 +1,42 @@
 #include "app/application.h"
 #include "app/appsettings.h"
+#include "cli/arguments.h"
+#include "cli/commandline.h"
 #include "library/log.h"
 #include "library/recordingstore.h"
+#include "ui/prompt/promptcard.h"
 
 #include <QApplication>
 
-#include <csignal>
+namespace {
+
+void nameApplication()
+{
+    QCoreApplication::setApplicationName(QStringLiteral("Quillmoor"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(QM_VERSION));
+}
+
+} // namespace
 
 int main(int argc, char *argv[])
 {
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+
+    // A command runs without a display; only the tray needs the windowing system.
+    if (qm::cli::wantsCommandLine(arguments)) {
+        QCoreApplication app(argc, argv);
+        nameApplication();
+        return qm::cli::run(QCoreApplication::arguments());
+    }
+
     QApplication app(argc, argv);
-    QApplication::setApplicationName(QStringLiteral("Quillmoor"));
-    QApplication::setApplicationVersion(QStringLiteral(QM_VERSION));
+    nameApplication();
     QApplication::setDesktopFileName(QStringLiteral("app.quillmoor.Quillmoor"));
     QApplication::setQuitOnLastWindowClosed(false);
 
-    qm::Application quillmoor;
+    qm::Application quillmoor({.promptViews = qm::ui::makePromptCardView, .watchZoom = true});
     qm::logLine(QStringLiteral("started; library at %1 with %2 recordings")
                     .arg(quillmoor.store().rootPath())
                     .arg(quillmoor.store().count()));

@@ -69,8 +69,11 @@ TranscriptionService::EngineFactory TranscriptionService::cloudEngines(MediaProc
             return std::make_unique<AssemblyAIEngine>();
         case TranscriptionProvider::openAI:
             return std::make_unique<OpenAIEngine>(media, kOpenAIChunkSeconds);
-        case TranscriptionProvider::deepgram:
-            return std::make_unique<DeepgramEngine>();
+        case TranscriptionProvider::deepgram: {
+            // End-to-end tests point the real program at a loopback stand-in of the service.
+            const QString base = qEnvironmentVariable("QM_DEEPGRAM_URL");
+            return std::make_unique<DeepgramEngine>(base.isEmpty() ? DeepgramEngine::defaultBase() : QUrl(base));
+        }
         case TranscriptionProvider::onDevice:
             break;
         }
