@@ -46,6 +46,11 @@ QString AppController::captureLockPath(const Recording &recording)
     return QDir(recording.folderPath()).filePath(QStringLiteral(".capture.lock"));
 }
 
+QString AppController::transcriptionLockPath(const Recording &recording)
+{
+    return QDir(recording.folderPath()).filePath(QStringLiteral(".transcription.lock"));
+}
+
 bool AppController::activeRecordingUsesMicrophone() const
 {
     if (!m_active)

@@ -125,8 +125,9 @@ public:
     static QString savingLabel();
     static QString transcribingLabel();
     static QString copyingLabel();
-    // The lock file a capture holds inside `recording`'s folder.
+    // The lock files a capture and a transcription hold inside `recording`'s folder while they run.
     static QString captureLockPath(const Recording &recording);
+    static QString transcriptionLockPath(const Recording &recording);
 
 Q_SIGNALS:
     void phaseChanged(qm::AppController::Phase phase);

@@ -22,11 +22,17 @@
 
 #include <QNetworkAccessManager>
 
+extern "C" {
+#include <libavutil/log.h>
+}
+
 namespace qm {
 
 Application::Application(Options options, QObject *parent)
     : QObject(parent), m_keychain(std::make_unique<Keychain>()), m_settings(std::make_unique<AppSettings>(*m_keychain))
 {
+    // FFmpeg's encoder statistics would otherwise fill the terminal and the journal; its errors still show.
+    av_log_set_level(AV_LOG_ERROR);
     AppSettings *settings = m_settings.get();
     m_store = std::make_unique<RecordingStore>([settings] { return settings->saveFolderPath(); });
     m_store->reload();

@@ -136,13 +136,15 @@ QCoro::Task<> AppController::transcribe(QUuid id)
     record->lastError.reset();
     m_parts.store.save(*record);
     setActivity(id, transcribingLabel());
+    QLockFile running(transcriptionLockPath(*record));
+    running.tryLock(0);
 
-    auto running = m_parts.transcription.transcribe(*record, transcriptionOptions(m_parts.settings),
-                                                    [self, id](const QString &text) {
-                                                        if (self && self->m_activities.contains(id))
-                                                            self->setActivity(id, text);
-                                                    });
-    auto result = co_await running;
+    auto transcribing = m_parts.transcription.transcribe(*record, transcriptionOptions(m_parts.settings),
+                                                         [self, id](const QString &text) {
+                                                             if (self && self->m_activities.contains(id))
+                                                                 self->setActivity(id, text);
+                                                         });
+    auto result = co_await transcribing;
     if (!self)
         co_return;
 
@@ -252,6 +254,17 @@ void AppController::recoverInterruptedRecordings()
 {
     const QList<Recording> records = m_parts.store.recordings();
     for (Recording record : records) {
+        // A transcription cut off with its run would otherwise stay "running" and refuse every retry.
+        if (record.transcriptState == TranscriptState::running) {
+            QLockFile transcription(transcriptionLockPath(record));
+            if (transcription.tryLock(0)) {
+                transcription.unlock();
+                record.transcriptState = TranscriptState::failed;
+                record.lastError = tr("The transcription was interrupted before it finished. Transcribe again to "
+                                      "retry.");
+                m_parts.store.save(record);
+            }
+        }
         if (record.state != ProcessingState::recording && record.state != ProcessingState::processing)
             continue;
         // Still being captured by another run: not interrupted. A lock left by a process that died is stale

@@ -23,6 +23,7 @@
 
 #include <QCoroTimer>
 #include <QDir>
+#include <QLockFile>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -342,6 +343,26 @@ private Q_SLOTS:
             QCOMPARE(recovered.state, ProcessingState::ready);
             QVERIFY(std::fabs(recovered.duration - 3.0) < 0.1);
         }
+    }
+
+    void aTranscriptionCutOffWithItsRunCanBeRetried()
+    {
+        auto made = m_store->create(RecordingSource::zoom, false);
+        QVERIFY(made);
+        Recording record = *made;
+        record.state = ProcessingState::ready;
+        record.transcriptState = TranscriptState::running;
+        m_store->save(record);
+        {
+            // Another run is still transcribing it: left alone.
+            QLockFile busy(AppController::transcriptionLockPath(record));
+            QVERIFY(busy.tryLock(0));
+            auto controller = makeController();
+            QCOMPARE(m_store->recordings().first().transcriptState, TranscriptState::running);
+        }
+        auto controller = makeController();
+        QCOMPARE(m_store->recordings().first().transcriptState, TranscriptState::failed);
+        QVERIFY(m_store->recordings().first().lastError);
     }
 
     void zoomMeetingsStartAndStopRecordingsInAutomaticMode()
