@@ -54,6 +54,8 @@ int main(int argc, char **argv)
         }
         const SpecialTokens s = SpecialTokens::forVocabularySize((*network)->hparams().vocabularySize);
         const std::vector<int> suppressed = nonSpeechTokens((*network)->vocabulary());
+        if (args.contains(QStringLiteral("--screen")))
+            session.screenText(std::vector<char>(std::size_t(s.endOfText), 1));
         clock.restart();
         const WindowResult r = decodeWindow(session, {}, s.firstLanguage, 0.0, suppressed, 0);
         const double decodeSeconds = double(clock.nsecsElapsed()) / 1e9;

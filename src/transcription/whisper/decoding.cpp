@@ -50,8 +50,8 @@ void applyRules(std::span<float> logits, const RuleInput &input)
         else
             ban(logits, 0, s.endOfText);
     }
-    const auto lastTimestamp = std::find_if(sampled.rbegin(), sampled.rend(),
-                                            [&](int token) { return token >= s.timestampBegin; });
+    const auto lastTimestamp =
+        std::find_if(sampled.rbegin(), sampled.rend(), [&](int token) { return token >= s.timestampBegin; });
     if (lastTimestamp != sampled.rend()) {
         // An open segment may close at its own start time; otherwise time must move forward.
         const int floor = lastWasTimestamp && !penultimateWasTimestamp ? *lastTimestamp : *lastTimestamp + 1;
@@ -64,7 +64,8 @@ void applyRules(std::span<float> logits, const RuleInput &input)
 
     // Compare in probabilities: the timestamps' total against the likeliest text token.
     const float total = kernels::logSumExp(logits.data(), logits.size());
-    const float timestamps = kernels::logSumExp(logits.data() + s.timestampBegin, logits.size() - std::size_t(s.timestampBegin));
+    const float timestamps =
+        kernels::logSumExp(logits.data() + s.timestampBegin, logits.size() - std::size_t(s.timestampBegin));
     const float bestText = *std::max_element(logits.begin(), logits.begin() + s.timestampBegin);
     if (std::isfinite(total) && timestamps - total > bestText - total)
         ban(logits, 0, s.timestampBegin);
@@ -78,7 +79,8 @@ double compressionRatio(const QString &text)
     uLongf size = compressBound(uLong(bytes.size()));
     QByteArray packed(qsizetype(size), Qt::Uninitialized);
     if (compress2(reinterpret_cast<Bytef *>(packed.data()), &size, reinterpret_cast<const Bytef *>(bytes.data()),
-                  uLong(bytes.size()), Z_DEFAULT_COMPRESSION) != Z_OK || size == 0)
+                  uLong(bytes.size()), Z_DEFAULT_COMPRESSION) != Z_OK ||
+        size == 0)
         return 0;
     return double(bytes.size()) / double(size);
 }
@@ -113,9 +115,9 @@ WindowSegments splitWindow(std::span<const int> tokens, const SpecialTokens &spe
             cuts.push_back(n);
         std::size_t begin = 0;
         for (std::size_t cut : cuts) {
-            out.segments.push_back(TimedTokens{seconds(tokens[begin]), seconds(tokens[cut - 1]),
-                                               std::vector<int>(tokens.begin() + std::ptrdiff_t(begin),
-                                                                tokens.begin() + std::ptrdiff_t(cut))});
+            out.segments.push_back(TimedTokens{
+                seconds(tokens[begin]), seconds(tokens[cut - 1]),
+                std::vector<int>(tokens.begin() + std::ptrdiff_t(begin), tokens.begin() + std::ptrdiff_t(cut))});
             begin = cut;
         }
         // Two frames of the spectrogram per timestamp step.

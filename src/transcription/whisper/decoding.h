@@ -30,7 +30,7 @@ void applyRules(std::span<float> logits, const RuleInput &input);
 
 // The outcome of decoding one window at one temperature.
 struct WindowResult {
-    std::vector<int> tokens; // sampled, without the end of text
+    std::vector<int> tokens;          // sampled, without the end of text
     double averageLogProbability = 0; // Σ log p over tokens and end of text, divided by (tokens + 1)
     double noSpeechProbability = 0;
     double compressionRatio = 0; // text's UTF-8 length over its zlib-compressed length

@@ -105,9 +105,8 @@ LogMel logMelSpectrogram(std::span<const float> samples, std::span<const float> 
                     row[j] = sampleAt(start + j);
             }
         }
-        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, int(n), 2 * kSpectrumBins, kFftSize, 1.0f,
-                    frames.data(), kFftSize, basis.data(), 2 * kSpectrumBins, 0.0f, spectra.data(),
-                    2 * kSpectrumBins);
+        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, int(n), 2 * kSpectrumBins, kFftSize, 1.0f, frames.data(),
+                    kFftSize, basis.data(), 2 * kSpectrumBins, 0.0f, spectra.data(), 2 * kSpectrumBins);
         for (std::int64_t i = 0; i < n * kSpectrumBins; ++i)
             power[std::size_t(i)] = spectra[std::size_t(2 * i)] * spectra[std::size_t(2 * i)] +
                                     spectra[std::size_t(2 * i + 1)] * spectra[std::size_t(2 * i + 1)];

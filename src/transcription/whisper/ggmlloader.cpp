@@ -33,7 +33,8 @@ public:
     {
         if (bytes > remaining())
             return false;
-        std::memcpy(out, m_data + m_offset, bytes);
+        if (bytes > 0)
+            std::memcpy(out, m_data + m_offset, bytes);
         m_offset += bytes;
         return true;
     }
@@ -152,8 +153,8 @@ expected<Model, ModelError> loadGgmlModel(const QString &filePath)
     if (!in.take(header, sizeof header))
         return truncated();
     Hyperparameters &h = model.hparams;
-    h = Hyperparameters{header[0], header[1], header[2], header[3], header[4], header[5],
-                        header[6], header[7], header[8], header[9]};
+    h = Hyperparameters{header[0], header[1], header[2], header[3], header[4],
+                        header[5], header[6], header[7], header[8], header[9]};
     if (!plausible(h))
         return unexpected(failure(filePath, QStringLiteral("its sizes are not those of a speech model.")));
 
@@ -220,8 +221,8 @@ expected<Model, ModelError> loadGgmlModel(const QString &filePath)
                 return unexpected(failure(filePath, QStringLiteral("a quantized weight has a partial block.")));
             bytes = count / kBlock * perBlock;
         } else {
-            return unexpected(failure(filePath, QStringLiteral("it uses a weight type (%1) this version can't read.")
-                                                    .arg(type)));
+            return unexpected(
+                failure(filePath, QStringLiteral("it uses a weight type (%1) this version can't read.").arg(type)));
         }
         const uchar *raw = in.skip(std::size_t(bytes));
         if (!raw)

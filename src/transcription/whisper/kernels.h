@@ -24,6 +24,19 @@ void toHalf(const float *values, std::uint16_t *out, std::size_t count);
 void gemvHalf(const std::uint16_t *weights, const float *x, float *y, std::size_t rows, std::size_t columns,
               bool accumulate);
 
+// Rows quantized to 8 bits for a quick first look at many products: row r ≈ scales[r] · codes[r].
+struct QuantizedRows {
+    std::vector<std::int8_t> codes;
+    std::vector<float> scales;
+    std::vector<float> absoluteSums; // Σ|w| of each original row, for error bounds
+    std::size_t rows = 0;
+    std::size_t columns = 0;
+};
+QuantizedRows quantizeRows(const std::uint16_t *halfRows, std::size_t rows, std::size_t columns);
+
+// estimate[r] ≈ row r · x, and error[r] bounds |estimate[r] − row r · x| for the original (half) rows.
+void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, float *error);
+
 // In place: x ← exp(x − max(x)) / Σ, over one row. Entries of −∞ end up exactly 0.
 void softmax(float *row, std::size_t count);
 // In place, for each of `rows` rows of `count` floats spaced `stride` apart: softmax(scale · x) where only

@@ -1,7 +1,7 @@
 #include "transcription/whisper/modellibrary.h"
 
+#include <QCoroFuture>
 #include <QCoroNetworkReply>
-#include <QCoroThread>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
@@ -12,8 +12,8 @@
 #include <QNetworkReply>
 #include <QRegularExpression>
 #include <QStandardPaths>
-#include <QThread>
 #include <QTimer>
+#include <QtConcurrent/QtConcurrentRun>
 
 #include <array>
 #include <cstring>
@@ -105,26 +105,21 @@ struct Inspection {
     QString error;
 };
 
-QCoro::Task<Inspection> inspect(QString path)
+Inspection inspect(const QString &path)
 {
-    auto result = std::make_shared<Inspection>();
-    std::unique_ptr<QThread> thread(QThread::create([path, result] {
-        QFile file(path);
-        if (!file.open(QIODevice::ReadOnly)) {
-            result->error = file.errorString();
-            return;
-        }
-        std::uint32_t magic = 0;
-        result->hasMagic = file.peek(reinterpret_cast<char *>(&magic), 4) == 4 && magic == ggmlMagic;
-        QCryptographicHash hash(QCryptographicHash::Sha1);
-        if (!hash.addData(&file))
-            result->error = file.errorString();
-        result->sha1 = hash.result().toHex();
-    }));
-    thread->start();
-    auto finished = qCoro(thread.get()).waitForFinished();
-    co_await finished;
-    co_return *result;
+    Inspection result;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        result.error = file.errorString();
+        return result;
+    }
+    std::uint32_t magic = 0;
+    result.hasMagic = file.peek(reinterpret_cast<char *>(&magic), 4) == 4 && magic == ggmlMagic;
+    QCryptographicHash hash(QCryptographicHash::Sha1);
+    if (!hash.addData(&file))
+        result.error = file.errorString();
+    result.sha1 = hash.result().toHex();
+    return result;
 }
 
 } // namespace
@@ -322,7 +317,7 @@ QCoro::Task<expected<void, QString>> ModelLibrary::download(QString name, QStrin
                                                     : reply->errorString()));
     }
 
-    auto inspection = inspect(part->fileName());
+    QFuture<Inspection> inspection = QtConcurrent::run([path = part->fileName()] { return inspect(path); });
     const Inspection found = co_await inspection;
     const QByteArray expectedSum = publishedChecksum(name);
     QString problem;

@@ -2,12 +2,14 @@
 
 #include "transcription/whisper/frontend.h"
 #include "transcription/whisper/kernels.h"
+#include "transcription/whisper/tokens.h"
 
 #include <cblas.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <thread>
 
 namespace qm::whisper {
@@ -46,7 +48,7 @@ public:
 
     Linear linear(const std::string &prefix, int out, int in, bool biased = true)
     {
-        Linear l{take(prefix + ".weight", {out, in}), take(prefix + ".bias", {out}, !biased), out, in};
+        Linear l{take(prefix + ".weight", {out, in}), take(prefix + ".bias", {out}, !biased), out, in, {}};
         if (l.bias.empty())
             l.bias.assign(std::size_t(out), 0.0f);
         return l;
@@ -70,8 +72,8 @@ public:
     Linear convolution(const std::string &prefix, int out, int in)
     {
         const std::vector<float> kernel = take(prefix + ".weight", {out, in, 3});
-        Linear l{std::vector<float>(std::size_t(out) * 3 * std::size_t(in)), take(prefix + ".bias", {out}), out,
-                 3 * in};
+        Linear l{
+            std::vector<float>(std::size_t(out) * 3 * std::size_t(in)), take(prefix + ".bias", {out}), out, 3 * in, {}};
         if (kernel.empty() || l.bias.empty())
             return l;
         for (std::size_t o = 0; o < std::size_t(out); ++o)
@@ -97,6 +99,16 @@ void linear(const float *x, int rows, const Linear &l, float *y)
     else
         cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, l.out, l.in, 1.0f, x, l.in, l.weight.data(), l.in,
                     1.0f, y, l.out);
+}
+
+// GELU over a whole activation, split across the cores the products use.
+void geluAll(float *x, std::size_t count, int threads)
+{
+    kernels::parallelFor(count / 4096 + 1, threads, [&](std::size_t begin, std::size_t end) {
+        const std::size_t first = begin * 4096, last = std::min(count, end * 4096);
+        if (first < last)
+            kernels::gelu(x + first, last - first);
+    });
 }
 
 void normRows(const float *x, float *out, int rows, int width, const Norm &norm)
@@ -162,6 +174,10 @@ expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model
     net->m_encoderNorm = b.norm("encoder.ln_post", da);
 
     net->m_tokenEmbedding = kernels::toHalf(b.take("decoder.token_embedding.weight", {h.vocabularySize, dt}));
+    if (!net->m_tokenEmbedding.empty()) {
+        const int text = std::clamp(SpecialTokens::forVocabularySize(h.vocabularySize).endOfText, 0, h.vocabularySize);
+        net->m_textRows = kernels::quantizeRows(net->m_tokenEmbedding.data(), std::size_t(text), std::size_t(dt));
+    }
     net->m_textPositions = b.take("decoder.positional_embedding", {h.textContext, dt});
     for (int i = 0; i < h.textLayers; ++i) {
         const std::string p = "decoder.blocks." + std::to_string(i) + ".";
@@ -231,8 +247,8 @@ Session::Session(std::shared_ptr<const Network> network, int threads) : m_networ
     sized(m_dscores, tokens, std::max(positions, tokens));
 }
 
-void Session::attention(const float *queries, int queryStride, const float *keys, const float *values,
-                        int keyStride, int rows, int keyCount, int heads, int width, bool causal, float *out)
+void Session::attention(const float *queries, int queryStride, const float *keys, const float *values, int keyStride,
+                        int rows, int keyCount, int heads, int width, bool causal, float *out)
 {
     const int headWidth = width / heads;
     const float scale = 1.0f / std::sqrt(float(headWidth));
@@ -245,8 +261,14 @@ void Session::attention(const float *queries, int queryStride, const float *keys
         else
             cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, keyCount, headWidth, scale, queries + column,
                         queryStride, keys + column, keyStride, 0.0f, scores, keyCount);
-        kernels::scaledSoftmaxRows(scores, std::size_t(rows), std::size_t(keyCount), std::size_t(keyCount), 1.0f,
-                                   causal);
+        if (causal || rows < 64)
+            kernels::scaledSoftmaxRows(scores, std::size_t(rows), std::size_t(keyCount), std::size_t(keyCount), 1.0f,
+                                       causal);
+        else
+            kernels::parallelFor(std::size_t(rows), m_threads, [&](std::size_t begin, std::size_t end) {
+                kernels::scaledSoftmaxRows(scores + begin * std::size_t(keyCount), end - begin, std::size_t(keyCount),
+                                           std::size_t(keyCount), 1.0f, false);
+            });
         if (rows == 1)
             cblas_sgemv(CblasRowMajor, CblasTrans, keyCount, headWidth, 1.0f, values + column, keyStride, scores, 1,
                         0.0f, out + column, 1);
@@ -254,6 +276,13 @@ void Session::attention(const float *queries, int queryStride, const float *keys
             cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, headWidth, keyCount, 1.0f, scores, keyCount,
                         values + column, keyStride, 0.0f, out + column, width);
     }
+}
+
+void Session::screenText(std::vector<char> allowed)
+{
+    m_textAllowed = std::move(allowed);
+    m_textAllowed.resize(m_network->m_textRows.rows, 0);
+    m_textError.assign(m_network->m_textRows.rows, 0.0f);
 }
 
 void Session::crossAttentionOne(std::size_t layer, const float *query, float *out)
@@ -292,10 +321,10 @@ void Session::encode(const float *window)
     };
     gather(window, kWindowFrames, mels, kWindowFrames, 1);
     linear(m_columns.data(), kWindowFrames, net.m_conv1, m_convOut.data());
-    kernels::gelu(m_convOut.data(), m_convOut.size());
+    geluAll(m_convOut.data(), m_convOut.size(), m_threads);
     gather(m_convOut.data(), kWindowFrames, d, positions, 2);
     linear(m_columns.data(), positions, net.m_conv2, m_x.data());
-    kernels::gelu(m_x.data(), m_x.size());
+    geluAll(m_x.data(), m_x.size(), m_threads);
     kernels::add(m_x.data(), net.m_audioPositions.data(), m_x.size());
 
     for (const EncoderLayer &layer : net.m_encoder)
@@ -325,14 +354,14 @@ void Session::encoderLayer(const EncoderLayer &layer)
     const int d = h.audioWidth, positions = h.audioContext;
     normRows(m_x.data(), m_normed.data(), positions, d, layer.attentionNorm);
     linear(m_normed.data(), positions, layer.qkv, m_qkv.data());
-    attention(m_qkv.data(), 3 * d, m_qkv.data() + d, m_qkv.data() + 2 * d, 3 * d, positions, positions,
-              h.audioHeads, d, false, m_attended.data());
+    attention(m_qkv.data(), 3 * d, m_qkv.data() + d, m_qkv.data() + 2 * d, 3 * d, positions, positions, h.audioHeads, d,
+              false, m_attended.data());
     linear(m_attended.data(), positions, layer.attentionOut, m_normed.data());
     kernels::add(m_x.data(), m_normed.data(), m_x.size());
 
     normRows(m_x.data(), m_normed.data(), positions, d, layer.mlpNorm);
     linear(m_normed.data(), positions, layer.mlpIn, m_hidden.data());
-    kernels::gelu(m_hidden.data(), m_hidden.size());
+    geluAll(m_hidden.data(), m_hidden.size(), m_threads);
     linear(m_hidden.data(), positions, layer.mlpOut, m_normed.data());
     kernels::add(m_x.data(), m_normed.data(), m_x.size());
 }
@@ -342,7 +371,7 @@ void Session::truncate(int length)
     m_length = std::clamp(length, 0, m_length);
 }
 
-bool Session::decode(std::span<const int> tokens, std::span<const int> rows, float *logits)
+bool Session::decode(std::span<const int> tokens, std::span<const int> rows, float *logits, int firstToken)
 {
     const Network &net = *m_network;
     const Hyperparameters &h = net.hparams();
@@ -400,8 +429,25 @@ bool Session::decode(std::span<const int> tokens, std::span<const int> rows, flo
         const int row = std::clamp(rows[r], 0, n - 1);
         kernels::layerNorm(m_dx.data() + std::size_t(row) * width, m_dnormed.data(), width,
                            net.m_decoderNorm.gain.data(), net.m_decoderNorm.bias.data());
-        kernels::gemvHalf(net.m_tokenEmbedding.data(), m_dnormed.data(), logits + r * vocabulary, vocabulary, width,
-                          false);
+        float *out = logits + r * vocabulary;
+        const std::size_t text = net.m_textRows.rows;
+        if (n == 1 && firstToken <= 0 && !m_textAllowed.empty() && text > 0) {
+            const std::uint16_t *embedding = net.m_tokenEmbedding.data();
+            kernels::gemvQuantized(net.m_textRows, m_dnormed.data(), out, m_textError.data());
+            kernels::gemvHalf(embedding + text * width, m_dnormed.data(), out + text, vocabulary - text, width, false);
+            float floor = -std::numeric_limits<float>::infinity();
+            for (std::size_t t = 0; t < text; ++t)
+                if (m_textAllowed[t])
+                    floor = std::max(floor, out[t] - m_textError[t]);
+            for (std::size_t t = 0; t < text; ++t)
+                if (out[t] + m_textError[t] >= floor)
+                    kernels::gemvHalf(embedding + t * width, m_dnormed.data(), out + t, 1, width, false);
+            continue;
+        }
+        const std::size_t first = std::min(std::size_t(std::max(firstToken, 0)), vocabulary);
+        std::fill_n(out, first, -std::numeric_limits<float>::infinity());
+        kernels::gemvHalf(net.m_tokenEmbedding.data() + first * width, m_dnormed.data(), out + first,
+                          vocabulary - first, width, false);
     }
     return true;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "library/result.h"
+#include "transcription/whisper/kernels.h"
 #include "transcription/whisper/whispermodel.h"
 
 #include <memory>
@@ -65,14 +66,15 @@ private:
     std::vector<std::string> m_vocabulary;
     std::vector<float> m_melFilters;
 
-    Linear m_conv1; // {d, 3 · mels}: tap-major, so tap k of frame t reads frame t + k − 1 whole
-    Linear m_conv2; // {d, 3 · d}
+    Linear m_conv1;                      // {d, 3 · mels}: tap-major, so tap k of frame t reads frame t + k − 1 whole
+    Linear m_conv2;                      // {d, 3 · d}
     std::vector<float> m_audioPositions; // {audioContext, d}
     std::vector<EncoderLayer> m_encoder;
     Norm m_encoderNorm;
 
     std::vector<std::uint16_t> m_tokenEmbedding; // {vocabulary, d} in half precision, also the output projection
-    std::vector<float> m_textPositions;  // {textContext, d}
+    kernels::QuantizedRows m_textRows;           // the text tokens' rows in 8 bits, to screen them quickly
+    std::vector<float> m_textPositions;          // {textContext, d}
     std::vector<DecoderLayer> m_decoder;
     Norm m_decoderNorm;
 };
@@ -96,9 +98,16 @@ public:
     void truncate(int length);
 
     // Feeds `tokens` after those decoded so far and writes the logits (vocabularySize each) that follow each
-    // position listed in `rows` (indices into `tokens`) to `logits`, in order. Answers false when the
-    // tokens would exceed the text context.
-    bool decode(std::span<const int> tokens, std::span<const int> rows, float *logits);
+    // position listed in `rows` (indices into `tokens`) to `logits`, in order. Only tokens from `firstToken` on
+    // are scored; the logits below it are −∞ (for steps where the rules allow nothing lower anyway). Answers
+    // false when the tokens would exceed the text context.
+    bool decode(std::span<const int> tokens, std::span<const int> rows, float *logits, int firstToken = 0);
+
+    // From now on, single-token steps score the text tokens in two passes: a quick 8-bit estimate of all, then
+    // exact logits for every token that, within the estimate's error bound, could be the best one `allowed`
+    // marks (a flag per text token). The best allowed text token and every special token are then exact; the
+    // rest are estimates good to about 1e-2, used only in the probability sums. Empty: exact throughout.
+    void screenText(std::vector<char> allowed);
 
 private:
     void encoderLayer(const EncoderLayer &layer);
@@ -127,6 +136,8 @@ private:
     std::vector<std::vector<std::uint16_t>> m_crossKeysHalf;
     std::vector<std::vector<std::uint16_t>> m_crossValuesHalf;
     std::vector<float> m_crossRow;
+    std::vector<char> m_textAllowed;
+    std::vector<float> m_textError;
     std::vector<std::vector<float>> m_selfKeys;
     std::vector<std::vector<float>> m_selfValues;
 

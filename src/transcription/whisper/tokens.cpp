@@ -8,11 +8,13 @@ namespace qm::whisper {
 
 const QStringList &languageCodes()
 {
-    static const QStringList codes = QStringLiteral(
-        "en zh de es ru ko fr ja pt tr pl ca nl ar sv it id hi fi vi he uk el ms cs ro da hu ta no th ur hr bg lt la "
-        "mi ml cy sk te fa lv bn sr az sl kn et mk br eu is hy ne mn bs kk sq sw gl mr pa si km sn yo so af oc ka be "
-        "tg sd gu am yi lo uz fo ht ps tk nn mt sa lb my bo tl mg as tt haw ln ha ba jw su yue")
-                                         .split(u' ');
+    static const QStringList codes =
+        QStringLiteral("en zh de es ru ko fr ja pt tr pl ca nl ar sv it id hi fi vi he uk el ms cs ro da hu ta no th "
+                       "ur hr bg lt la "
+                       "mi ml cy sk te fa lv bn sr az sl kn et mk br eu is hy ne mn bs kk sq sw gl mr pa si km sn yo "
+                       "so af oc ka be "
+                       "tg sd gu am yi lo uz fo ht ps tk nn mt sa lb my bo tl mg as tt haw ln ha ba jw su yue")
+            .split(u' ');
     return codes;
 }
 
@@ -90,8 +92,9 @@ std::vector<int> nonSpeechTokens(const std::vector<std::string> &vocabulary)
     QStringList symbols;
     for (QChar c : QStringLiteral("\"#()*+/:;<=>@[\\]^_`{|}~\u300C\u300D\u300E\u300F"))
         symbols.append(c);
-    symbols += QStringLiteral("<< >> <<< >>> -- --- -( -[ (' (\" (( )) ((( ))) [[ ]] {{ }} \u266A\u266A \u266A\u266A\u266A")
-                   .split(u' ');
+    symbols +=
+        QStringLiteral("<< >> <<< >>> -- --- -( -[ (' (\" (( )) ((( ))) [[ ]] {{ }} \u266A\u266A \u266A\u266A\u266A")
+            .split(u' ');
     const QString notes = QStringLiteral("\u2669\u266A\u266B\u266C\u266D\u266E\u266F");
     for (QChar c : notes)
         symbols.append(c);

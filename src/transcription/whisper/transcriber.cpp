@@ -87,13 +87,17 @@ WindowResult decodeWindow(Session &session, std::span<const int> prompt, int lan
         if (step % 16 == 15 && cancelled(cancel))
             break;
         applyRules(logits, RuleInput{s, suppressed, result.tokens});
-        const int next = temperature <= 0 ? int(kernels::argmax(logits.data(), logits.size()))
-                                          : sample(logits, temperature, random);
+        const int next =
+            temperature <= 0 ? int(kernels::argmax(logits.data(), logits.size())) : sample(logits, temperature, random);
         sum += logSoftmaxAt(logits, next);
         if (next == s.endOfText)
             break;
         result.tokens.push_back(next);
-        if (!session.decode(std::span(&next, 1), std::span(&lastRow, 1), logits.data()))
+        // Right after a segment's closing timestamp only timestamps or the end may follow, so the text
+        // tokens' logits (nearly all of the step's memory traffic) needn't be computed.
+        const std::size_t n = result.tokens.size();
+        const bool closing = next >= s.timestampBegin && n >= 2 && result.tokens[n - 2] < s.timestampBegin;
+        if (!session.decode(std::span(&next, 1), std::span(&lastRow, 1), logits.data(), closing ? s.endOfText : 0))
             break;
     }
     result.averageLogProbability = sum / double(result.tokens.size() + 1);
@@ -111,6 +115,11 @@ Transcription transcribe(Session &session, std::span<const float> samples, const
         return list;
     }();
     const LogMel mel = logMelSpectrogram(samples, net.melFilters(), net.hparams().melBins);
+    std::vector<char> allowedText(std::size_t(s.endOfText), 1);
+    for (int token : suppressed)
+        if (token >= 0 && token < s.endOfText)
+            allowedText[std::size_t(token)] = 0;
+    session.screenText(std::move(allowedText));
 
     Transcription out;
     int language = -1;
@@ -154,7 +163,8 @@ Transcription transcribe(Session &session, std::span<const float> samples, const
             const std::span<const int> prompt(history.data() + promptStart, history.size() - promptStart);
             result = decodeWindow(session, prompt, language, kTemperatures[attempt], suppressed,
                                   options.seed + unsigned(attempt), options.cancel);
-            result.compressionRatio = compressionRatio(tokenText(net.vocabulary(), result.tokens, s.endOfText).trimmed());
+            result.compressionRatio =
+                compressionRatio(tokenText(net.vocabulary(), result.tokens, s.endOfText).trimmed());
             if (!needsFallback(result) || cancelled(options.cancel))
                 break;
         }

@@ -23,7 +23,7 @@ const QString speech =
                    "We will review the budget for the new office and decide who leads the project. "
                    "After lunch the team will test the recording software on every computer in the building. "
                    "If the sound is clear, we can send the notes to the customers before the end of the week. "
-    "The kitchen on the second floor will be closed while the painters finish the walls. "
+                   "The kitchen on the second floor will be closed while the painters finish the walls. "
                    "Thank you all for coming today, and drive home safely.");
 
 QStringList words(const QString &text)

@@ -32,7 +32,8 @@ private Q_SLOTS:
         QTest::addColumn<QList<int>>("expected"); // eot, sot, transcribe, previous, no speech, no timestamps, begin
         QTest::addColumn<int>("languages");
         QTest::addColumn<int>("hebrew");
-        QTest::newRow("English-only") << 51864 << QList<int>{50256, 50257, 50358, 50360, 50361, 50362, 50363} << 0 << -1;
+        QTest::newRow("English-only") << 51864 << QList<int>{50256, 50257, 50358, 50360, 50361, 50362, 50363} << 0
+                                      << -1;
         QTest::newRow("multilingual") << 51865 << QList<int>{50257, 50258, 50359, 50361, 50362, 50363, 50364} << 99
                                       << 50279;
         QTest::newRow("with Cantonese") << 51866 << QList<int>{50257, 50258, 50360, 50362, 50363, 50364, 50365} << 100
@@ -118,10 +119,10 @@ private Q_SLOTS:
         QTest::newRow("ending on an opened segment: resume at the last end")
             << QList<int>{ts(0), kText, ts(100), ts(150), kText, ts(200), ts(210)} << 3000
             << QList<double>{10, 12, 13, 14} << 400;
-        QTest::newRow("one segment closed by a timestamp") << QList<int>{ts(0), kText, kText, ts(120)} << 3000
-                                                           << QList<double>{10, 12.4} << 3000;
-        QTest::newRow("no timestamps: the window's audio") << QList<int>{kText, kText} << 1234
-                                                           << QList<double>{10, 22.34} << 1234;
+        QTest::newRow("one segment closed by a timestamp")
+            << QList<int>{ts(0), kText, kText, ts(120)} << 3000 << QList<double>{10, 12.4} << 3000;
+        QTest::newRow("no timestamps: the window's audio")
+            << QList<int>{kText, kText} << 1234 << QList<double>{10, 22.34} << 1234;
     }
 
     void splitting()

@@ -110,11 +110,11 @@ private Q_SLOTS:
         QTest::addColumn<QString>("model");
         QTest::addColumn<QString>("language");
         QTest::addColumn<QString>("name");
-        QTest::newRow("Hebrew, English-only name") << QStringLiteral("base.en") << QStringLiteral("he")
-                                                   << QStringLiteral("Hebrew");
+        QTest::newRow("Hebrew, English-only name")
+            << QStringLiteral("base.en") << QStringLiteral("he") << QStringLiteral("Hebrew");
         QTest::newRow("Hebrew, English-only file") << QString() << QStringLiteral("he") << QStringLiteral("Hebrew");
-        QTest::newRow("a code Whisper lacks") << QStringLiteral("base") << QStringLiteral("tlh")
-                                              << QStringLiteral("tlh");
+        QTest::newRow("a code Whisper lacks")
+            << QStringLiteral("base") << QStringLiteral("tlh") << QStringLiteral("tlh");
     }
 
     void refusesLanguagesTheModelLacks()
@@ -133,7 +133,8 @@ private Q_SLOTS:
         QVERIFY(!outcome.result);
         QCOMPARE(outcome.result.error().kind, TranscriptionError::Kind::unsupportedLanguage);
         QCOMPARE(outcome.result.error().description(),
-                 QStringLiteral("On-device transcription doesn't support \u201C%1\u201D with the selected model.").arg(name));
+                 QStringLiteral("On-device transcription doesn't support \u201C%1\u201D with the selected model.")
+                     .arg(name));
         QVERIFY(texts.isEmpty()); // refused before any download or decoding
     }
 
@@ -142,16 +143,15 @@ private Q_SLOTS:
     void stopsWhenTheEngineGoes()
     {
         const QString longSpeech = m_dir.filePath(QStringLiteral("long.m4a"));
-        QVERIFY(test::writeSpeechTrack(longSpeech, QStringLiteral("Please call Stella."), 1, 600.0, 16000));
+        QVERIFY(test::writeSpeechTrack(longSpeech, QStringLiteral("Please call Stella."), 1, 360.0, 16000));
         whisper::ModelLibrary library(m_network, m_dir.filePath(QStringLiteral("models")));
         QElapsedTimer clock;
         const auto timeAfterFirstWindow = [&](bool destroy) {
             auto engine = std::make_unique<WhisperEngine>(library);
             bool windowDone = false;
             {
-                auto task = run(engine.get(), request(longSpeech), [&](const QString &text) {
-                    windowDone = windowDone || text.endsWith(u'%');
-                });
+                auto task = run(engine.get(), request(longSpeech),
+                                [&](const QString &text) { windowDone = windowDone || text.endsWith(u'%'); });
                 if (!QTest::qWaitFor([&] { return windowDone; }, 120000))
                     return qint64(-1);
                 clock.start();
@@ -164,9 +164,9 @@ private Q_SLOTS:
         };
         const qint64 rest = timeAfterFirstWindow(false);
         const qint64 stopping = timeAfterFirstWindow(true);
-        qInfo() << "the other 19 windows took" << rest << "ms; stopping took" << stopping << "ms";
+        qInfo() << "the other 11 windows took" << rest << "ms; stopping took" << stopping << "ms";
         QVERIFY(rest > 0 && stopping >= 0);
-        QVERIFY(stopping < rest / 4);
+        QVERIFY(stopping < rest / 3);
     }
 };
 

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 #include <numbers>
+#include <numeric>
 
 using namespace qm::whisper;
 
@@ -25,7 +25,8 @@ int strongestFilter(const std::vector<float> &filters, int bins, double hertz)
     const int k = int(std::lround(hertz * kFftSize / kSampleRate));
     int best = 0;
     for (int m = 1; m < bins; ++m)
-        if (filters[std::size_t(m) * kSpectrumBins + std::size_t(k)] > filters[std::size_t(best) * kSpectrumBins + std::size_t(k)])
+        if (filters[std::size_t(m) * kSpectrumBins + std::size_t(k)] >
+            filters[std::size_t(best) * kSpectrumBins + std::size_t(k)])
             best = m;
     return best;
 }
@@ -51,7 +52,7 @@ private Q_SLOTS:
             previousPeak = peak;
             // Each integrates to one over hertz, as far as 40 Hz steps can tell.
             QVERIFY2(std::abs(std::accumulate(row, row + kSpectrumBins, 0.0) * 40.0 - 1.0) < 0.1,
-                         qPrintable(QString::number(m)));
+                     qPrintable(QString::number(m)));
         }
     }
 
@@ -73,7 +74,8 @@ private Q_SLOTS:
         for (std::int64_t t : {std::int64_t(10), std::int64_t(50), std::int64_t(90)}) {
             const float *frame = mel.frame(t);
             const int loudest = int(std::max_element(frame, frame + 80) - frame);
-            QVERIFY2(std::abs(loudest - expected) <= 1, qPrintable(QStringLiteral("%1 vs %2").arg(loudest).arg(expected)));
+            QVERIFY2(std::abs(loudest - expected) <= 1,
+                     qPrintable(QStringLiteral("%1 vs %2").arg(loudest).arg(expected)));
         }
     }
 
@@ -113,7 +115,8 @@ private Q_SLOTS:
         QVERIFY(quietFrame[bin] > *std::min_element(quiet.values.begin(), quiet.values.end()));
         // A file that is silent throughout is flat.
         const LogMel silent = logMelSpectrogram(std::vector<float>(8000, 0.0f), slaneyMelFilters(80), 80);
-        QVERIFY(std::all_of(silent.values.begin(), silent.values.end(), [&](float v) { return v == silent.values[0]; }));
+        QVERIFY(
+            std::all_of(silent.values.begin(), silent.values.end(), [&](float v) { return v == silent.values[0]; }));
         QCOMPARE(silent.values[0], (-10.0f + 4.0f) / 4.0f);
     }
 };

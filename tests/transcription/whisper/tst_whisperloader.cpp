@@ -1,3 +1,4 @@
+#include "transcription/whisper/kernels.h"
 #include "transcription/whisper/network.h"
 #include "transcription/whisper/whispermodel.h"
 
@@ -7,6 +8,7 @@
 #include <QTest>
 
 #include <cstring>
+#include <limits>
 
 using namespace qm::whisper;
 
@@ -139,7 +141,8 @@ private Q_SLOTS:
         QTest::newRow("empty") << QByteArray() << QStringLiteral("empty");
         QTest::newRow("wrong magic") << QByteArray("GGUF") + good.mid(4) << QStringLiteral("isn't a speech model");
         for (int cut : {6, 30, 52, 60, 70, 80, int(good.size()) - 1})
-            QTest::newRow(qPrintable(QStringLiteral("cut at %1").arg(cut))) << good.left(cut) << QStringLiteral("cut short");
+            QTest::newRow(qPrintable(QStringLiteral("cut at %1").arg(cut)))
+                << good.left(cut) << QStringLiteral("cut short");
 
         QByteArray noHeads = header();
         std::memset(noHeads.data() + 16, 0, 4);
@@ -165,6 +168,75 @@ private Q_SLOTS:
         const auto model = loadGgmlModel(writeFile(dir, bytes));
         QVERIFY(!model);
         QVERIFY2(model.error().reason.contains(reason), qPrintable(model.error().reason));
+    }
+
+    void halfPrecision_data()
+    {
+        QTest::addColumn<float>("value");
+        QTest::addColumn<float>("expected");
+        QTest::newRow("one") << 1.0f << 1.0f;
+        QTest::newRow("negative") << -2.5f << -2.5f;
+        QTest::newRow("largest") << 65504.0f << 65504.0f;
+        QTest::newRow("beyond the largest") << 70000.0f << std::numeric_limits<float>::infinity();
+        QTest::newRow("subnormal") << 3e-7f << 17 * 5.9604644775390625e-8f;
+        QTest::newRow("ties to even") << 1.0f + 1.5f / 1024 << 1.0f + 2.0f / 1024;
+    }
+
+    void halfPrecision()
+    {
+        QFETCH(float, value);
+        QFETCH(float, expected);
+        QCOMPARE(kernels::halfToFloat(kernels::floatToHalf(value)), expected);
+        std::uint16_t wide[16];
+        const std::vector<float> sixteen(16, value);
+        kernels::toHalf(sixteen.data(), wide, 16);
+        QCOMPARE(kernels::halfToFloat(wide[15]), expected);
+    }
+
+    // Rows longer than a vector register with a ragged end, against a plain sum.
+    void halfMatrixVectorProduct()
+    {
+        const std::size_t rows = 5, columns = 37;
+        std::vector<float> weights(rows * columns), x(columns);
+        for (std::size_t i = 0; i < weights.size(); ++i)
+            weights[i] = float(int(i % 7) - 3) * 0.25f;
+        for (std::size_t i = 0; i < columns; ++i)
+            x[i] = float(i) * 0.5f - 4.0f;
+        const std::vector<std::uint16_t> half = kernels::toHalf(weights);
+        std::vector<float> y(rows, 1.0f);
+        kernels::gemvHalf(half.data(), x.data(), y.data(), rows, columns, true);
+        for (std::size_t r = 0; r < rows; ++r) {
+            double expected = 1.0;
+            for (std::size_t i = 0; i < columns; ++i)
+                expected += double(weights[r * columns + i]) * double(x[i]);
+            QCOMPARE(y[r], float(expected));
+        }
+    }
+
+    // The 8-bit screen's error bound must hold for every row, including for inputs with a few large components.
+    void quantizedEstimatesStayWithinTheirBound()
+    {
+        const std::size_t rows = 300, columns = 96;
+        std::vector<float> weights(rows * columns), x(columns);
+        std::uint32_t state = 12345;
+        const auto next = [&state] {
+            state = state * 1664525u + 1013904223u;
+            return float(state >> 8) / float(1u << 24) - 0.5f;
+        };
+        for (float &w : weights)
+            w = next() * 0.3f;
+        for (float &v : x)
+            v = next() * 2.0f;
+        x[7] = 40.0f; // an outlier, as layer-normalised states have
+        const std::vector<std::uint16_t> half = kernels::toHalf(weights);
+        const kernels::QuantizedRows quantized = kernels::quantizeRows(half.data(), rows, columns);
+        std::vector<float> exact(rows), estimate(rows), error(rows);
+        kernels::gemvHalf(half.data(), x.data(), exact.data(), rows, columns, false);
+        kernels::gemvQuantized(quantized, x.data(), estimate.data(), error.data());
+        for (std::size_t r = 0; r < rows; ++r)
+            QVERIFY2(std::abs(estimate[r] - exact[r]) <= error[r],
+                     qPrintable(
+                         QStringLiteral("row %1: %2 vs %3 ± %4").arg(r).arg(estimate[r]).arg(exact[r]).arg(error[r])));
     }
 
     // The synthetic model round-trips through the loader into a network; every cut of it is refused cleanly.
