@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The reference side of bench/ondevice: faster-whisper on the same audio and the same weights.
 
-Usage: ondevice-reference.py MODEL_DIR AUDIO THREADS [LANGUAGE]
+Usage: ondevice-reference.py MODEL_DIR AUDIO THREADS [LANGUAGE [COMPUTE_TYPE]]
 
 Prints one JSON object on standard output: the seconds spent transcribing (decoding the audio included,
 loading the model not), the compute type in use, and the segments as [start, end, text].
@@ -17,8 +17,10 @@ from faster_whisper import WhisperModel
 
 def main() -> int:
     model_dir, audio, threads = sys.argv[1], sys.argv[2], int(sys.argv[3])
-    language = sys.argv[4] if len(sys.argv) > 4 else None
-    model = WhisperModel(model_dir, device="cpu", compute_type="default", cpu_threads=threads, num_workers=1)
+    language = sys.argv[4] if len(sys.argv) > 4 and sys.argv[4] else None
+    # "default" keeps the weights' precision where the processor computes in it (float32 for float16 weights here).
+    compute_type = sys.argv[5] if len(sys.argv) > 5 else "default"
+    model = WhisperModel(model_dir, device="cpu", compute_type=compute_type, cpu_threads=threads, num_workers=1)
 
     started = time.perf_counter()
     segments, _info = model.transcribe(

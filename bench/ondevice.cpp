@@ -4,9 +4,10 @@
 // and the words each invents on the silence, for every real model in the test-model cache.
 //
 // Models: every one in scripts/fetch-test-model's cache ($QM_MODEL_CACHE, by default
-// ~/.cache/quillmoor-test-models), or only the directory QM_BENCH_MODEL_DIR names. The reference runs in a virtual
-// environment made once at $XDG_CACHE_HOME/quillmoor-bench/venv with faster-whisper from the Python package index;
-// without it (or without models) the benchmark says so and measures what it can.
+// ~/.cache/quillmoor-test-models), or only the directory QM_BENCH_MODEL_DIR names. QM_BENCH_REFERENCE_COMPUTE
+// picks the reference's compute type (by default the weights' own, float32 on a processor without float16). The
+// reference runs in a virtual environment made once at $XDG_CACHE_HOME/quillmoor-bench/venv with faster-whisper from
+// the Python package index; without it (or without models) the benchmark says so and measures what it can.
 
 #include "transcription/whisper/modellibrary.h"
 #include "transcription/whisper/whisperengine.h"
@@ -249,7 +250,7 @@ Outcome runReference(const QString &python, const QString &model, const QString 
     QByteArray out;
     if (!run(python,
              {QStringLiteral(QM_BENCH_DIR "/ondevice-reference.py"), model, audio, QString::number(threads),
-              QStringLiteral("en")},
+              QStringLiteral("en"), qEnvironmentVariable("QM_BENCH_REFERENCE_COMPUTE", QStringLiteral("default"))},
              &out)) {
         outcome.note = QStringLiteral("faster-whisper failed");
         return outcome;
