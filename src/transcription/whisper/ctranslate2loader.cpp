@@ -110,7 +110,7 @@ expected<Variables, ModelError> readVariables(const uchar *data, qint64 size, co
     Reader reader(data, size);
     const auto version = reader.read<std::int32_t>();
     const auto spec = reader.string();
-    reader.read<std::int32_t>(); // the spec's revision: every revision so far lays the variables out alike
+    reader.read<std::int32_t>(); // the layout's revision: every revision so far lays the variables out alike
     if (!reader.ok() || (version != supportedVersion && spec != "WhisperSpec"))
         return unexpected(ModelError{QStringLiteral("%1 isn't a Whisper model in CTranslate2's format.").arg(file)});
     if (version != supportedVersion)

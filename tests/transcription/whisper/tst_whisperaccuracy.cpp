@@ -2,6 +2,7 @@
 // words. Needs the model that scripts/fetch-test-model caches, named by QM_TEST_MODEL_DIR.
 
 #include "support/providers/speechfixture.h"
+#include "support/wordscore.h"
 #include "transcription/whisper/modellibrary.h"
 #include "transcription/whisper/whisperengine.h"
 
@@ -14,6 +15,8 @@
 #include <QTest>
 
 using namespace qm;
+using qm::test::wordErrorRate;
+using qm::test::words;
 
 namespace {
 
@@ -25,30 +28,6 @@ const QString speech =
                    "If the sound is clear, we can send the notes to the customers before the end of the week. "
                    "The kitchen on the second floor will be closed while the painters finish the walls. "
                    "Thank you all for coming today, and drive home safely.");
-
-QStringList words(const QString &text)
-{
-    static const QRegularExpression notWord(QStringLiteral("[^a-z' ]"));
-    return text.toLower().replace(u'-', u' ').remove(notWord).split(u' ', Qt::SkipEmptyParts);
-}
-
-// Word error rate: the word-level edit distance over the reference's length.
-double wordErrorRate(const QStringList &reference, const QStringList &hypothesis)
-{
-    std::vector<int> previous(std::size_t(hypothesis.size()) + 1), current(previous.size());
-    for (std::size_t j = 0; j < previous.size(); ++j)
-        previous[j] = int(j);
-    for (qsizetype i = 1; i <= reference.size(); ++i) {
-        current[0] = int(i);
-        for (qsizetype j = 1; j <= hypothesis.size(); ++j) {
-            const int substitution = previous[std::size_t(j - 1)] + (reference[i - 1] == hypothesis[j - 1] ? 0 : 1);
-            current[std::size_t(j)] =
-                std::min({substitution, previous[std::size_t(j)] + 1, current[std::size_t(j - 1)] + 1});
-        }
-        std::swap(previous, current);
-    }
-    return reference.isEmpty() ? 0.0 : double(previous.back()) / double(reference.size());
-}
 
 } // namespace
 
