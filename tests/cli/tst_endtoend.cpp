@@ -271,6 +271,37 @@ private Q_SLOTS:
         QVERIFY(QFileInfo::exists(driveCopy(record, u"Transcript.md"_s)));
     }
 
+    // The desktop program, left to itself in automatic mode: the stand-in Zoom joining a meeting (it opens the
+    // microphone) starts a recording, and leaving it stops and saves that recording.
+    void automaticModeFollowsTheMeeting()
+    {
+        configure({{u"zoomStartMode"_s, u"automatic"_s}, {u"autoStopWhenZoomEnds"_s, true}});
+        QProcessEnvironment desktop = environment();
+        desktop.insert(u"QT_QPA_PLATFORM"_s, u"offscreen"_s);
+        Quillmoor app(desktop, {});
+
+        QProcess joined;
+        joined.setStandardOutputFile(QProcess::nullDevice());
+        joined.start(m_zoom, {u"--record"_s, u"--raw"_s, u"--device=microphone"_s});
+        QVERIFY(joined.waitForStarted());
+        QProcess *speaking = play(m_zoom, u"speakers"_s, sound(u"idle.wav"_s));
+        // Two polls three seconds apart see the meeting.
+        QTRY_VERIFY2_WITH_TIMEOUT(QDir(library()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size() == 1,
+                                  app.log().constData(), 20000);
+        QTest::qWait(5000);
+
+        joined.kill();
+        joined.waitForFinished(5000);
+        speaking->kill();
+        // Four polls without the meeting end it; the recording is then joined into its final file.
+        QTRY_VERIFY_WITH_TIMEOUT(onlyRecording()[u"state"_s].toString() == u"ready"_s, 40000);
+        const QJsonObject record = onlyRecording();
+        QCOMPARE(record[u"source"_s].toString(), u"zoom"_s);
+        QVERIFY2(mediaSeconds(mediaPath(record)) > 4.0, qPrintable(QString::number(mediaSeconds(mediaPath(record)))));
+        app.terminate();
+        QVERIFY(app.finish(10000));
+    }
+
     void otherSources_data()
     {
         QTest::addColumn<QString>("source");
