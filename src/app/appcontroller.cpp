@@ -58,7 +58,7 @@ bool AppController::activeRecordingUsesMicrophone() const
     return m_active->source == RecordingSource::inPerson || m_parts.settings.includeMicrophone();
 }
 
-void AppController::startRecording(RecordingSource source)
+void AppController::startRecording(RecordingSource source, std::optional<bool> video)
 {
     if (m_phase != Phase::idle)
         return;
@@ -67,13 +67,13 @@ void AppController::startRecording(RecordingSource source)
     setPermissionProblem(false);
     if (m_parts.prompt)
         m_parts.prompt->dismiss();
-    startTask(source);
+    const bool filmed = video.value_or(m_parts.settings.captureFormat() == CaptureFormat::video);
+    startTask(source, filmed && source != RecordingSource::inPerson);
 }
 
-QCoro::Task<> AppController::startTask(RecordingSource source)
+QCoro::Task<> AppController::startTask(RecordingSource source, bool video)
 {
     QPointer<AppController> self(this);
-    const bool video = m_parts.settings.captureFormat() == CaptureFormat::video && source != RecordingSource::inPerson;
 
     std::optional<Recording> created;
     std::optional<CaptureFailure> failure;

@@ -2,6 +2,7 @@
 
 #include "drive/drivesync.h"
 #include "library/recording.h"
+#include "library/settingsvalues.h"
 #include "meeting/ticker.h"
 
 #include <QCoroTask>
@@ -108,14 +109,16 @@ public:
     // There is an active recording and it records the microphone.
     bool activeRecordingUsesMicrophone() const;
 
-    void startRecording(RecordingSource source);
+    // `video` overrides the capture-format setting for this recording only (a command-line choice).
+    void startRecording(RecordingSource source, std::optional<bool> video = std::nullopt);
     void stopRecording();
     void togglePause();
     void toggleMicrophoneMute();
     void discardRecording();
 
     // The finishing steps a user can ask for again. Each task resumes on the main thread.
-    QCoro::Task<> transcribe(QUuid id);
+    // `provider` overrides the provider setting for this run only.
+    QCoro::Task<> transcribe(QUuid id, std::optional<TranscriptionProvider> provider = std::nullopt);
     QCoro::Task<> syncToDrive(QUuid id);
     QCoro::Task<> syncAllToDrive();
     void renameSpeaker(const QString &label, const QString &name, const Recording &recording);
@@ -147,7 +150,7 @@ Q_SIGNALS:
     void finishedProcessing(const QUuid &id);
 
 private:
-    QCoro::Task<> startTask(RecordingSource source);
+    QCoro::Task<> startTask(RecordingSource source, bool video);
     QCoro::Task<> stopTask();
     QCoro::Task<> discardTask();
     QCoro::Task<> finalize(QUuid id, bool recovered);

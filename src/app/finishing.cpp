@@ -25,15 +25,15 @@ bool sourceExists(const Recording &record, const char *fileName)
                              QLatin1String(fileName));
 }
 
-TranscriptionOptions transcriptionOptions(const AppSettings &settings)
+TranscriptionOptions transcriptionOptions(const AppSettings &settings, TranscriptionProvider provider)
 {
     TranscriptionOptions options;
-    options.provider = settings.provider();
+    options.provider = provider;
     options.language = settings.language();
     options.detectSpeakers = settings.detectSpeakers();
     options.labelMyVoice = settings.labelMyVoice();
     options.myName = settings.myName();
-    options.model = settings.model(settings.provider());
+    options.model = settings.model(provider);
     return options;
 }
 
@@ -126,7 +126,7 @@ QCoro::Task<> AppController::finalize(QUuid id, bool recovered)
     setActivity(id, std::nullopt);
 }
 
-QCoro::Task<> AppController::transcribe(QUuid id)
+QCoro::Task<> AppController::transcribe(QUuid id, std::optional<TranscriptionProvider> provider)
 {
     QPointer<AppController> self(this);
     std::optional<Recording> record = m_parts.store.recording(id);
@@ -139,11 +139,12 @@ QCoro::Task<> AppController::transcribe(QUuid id)
     QLockFile running(transcriptionLockPath(*record));
     running.tryLock(0);
 
-    auto transcribing = m_parts.transcription.transcribe(*record, transcriptionOptions(m_parts.settings),
-                                                         [self, id](const QString &text) {
-                                                             if (self && self->m_activities.contains(id))
-                                                                 self->setActivity(id, text);
-                                                         });
+    auto transcribing = m_parts.transcription.transcribe(
+        *record, transcriptionOptions(m_parts.settings, provider.value_or(m_parts.settings.provider())),
+        [self, id](const QString &text) {
+            if (self && self->m_activities.contains(id))
+                self->setActivity(id, text);
+        });
     auto result = co_await transcribing;
     if (!self)
         co_return;

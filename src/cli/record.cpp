@@ -40,7 +40,6 @@ QCoro::Task<int> Session::record(Invocation invocation)
 {
     using Phase = AppController::Phase;
     AppController &control = controller();
-    AppSettings &settings = m_app.settings();
 
     bool stopAsked = false;
     QMetaObject::Connection stopping;
@@ -56,11 +55,7 @@ QCoro::Task<int> Session::record(Invocation invocation)
         });
     }
 
-    // The controller reads the capture format as the start begins; this run's choice is put back at once.
-    const CaptureFormat storedFormat = settings.captureFormat();
-    settings.setCaptureFormat(invocation.video ? CaptureFormat::video : CaptureFormat::audio);
-    control.startRecording(invocation.source);
-    settings.setCaptureFormat(storedFormat);
+    control.startRecording(invocation.source, invocation.video);
 
     auto starting =
         waitWhile([&control] { return control.phase() == Phase::starting; }, [] { return tr("Starting…"); });

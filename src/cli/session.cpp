@@ -307,14 +307,7 @@ QCoro::Task<int> Session::transcribe(Invocation invocation)
         co_return kFailure;
     }
 
-    // The controller reads the provider when the transcription starts, before its first wait, so the stored
-    // choice is put back at once and this run's choice never outlives it.
-    AppSettings &settings = m_app.settings();
-    const TranscriptionProvider stored = settings.provider();
-    const TranscriptionProvider chosen = invocation.provider.value_or(stored);
-    settings.setProvider(chosen);
-    QCoro::Task<> running = controller().transcribe(record->id);
-    settings.setProvider(stored);
+    QCoro::Task<> running = controller().transcribe(record->id, invocation.provider);
 
     auto following = followRecording(record->id);
     co_await following;
