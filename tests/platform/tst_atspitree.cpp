@@ -59,7 +59,8 @@ bool setAccessibilityEnabled(bool enabled = true)
     QDBusMessage set =
         QDBusMessage::createMethodCall(QStringLiteral("org.a11y.Bus"), QStringLiteral("/org/a11y/bus"),
                                        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Set"));
-    set << QStringLiteral("org.a11y.Status") << QStringLiteral("IsEnabled") << QVariant::fromValue(QDBusVariant(enabled));
+    set << QStringLiteral("org.a11y.Status") << QStringLiteral("IsEnabled")
+        << QVariant::fromValue(QDBusVariant(enabled));
     return QDBusConnection::sessionBus().call(set, QDBus::Block, 2000).type() == QDBusMessage::ReplyMessage;
 }
 
