@@ -62,14 +62,19 @@ QCoro::Task<> AppController::finalize(QUuid id, bool recovered)
         co_return;
     setActivity(id, savingLabel());
 
-    if (!record->hasMeetingTrack && !record->hasMicrophoneTrack) {
-        const QString text = tr("No audio was captured. Check that a microphone is connected and that the "
-                                "meeting's sound plays through this computer.");
-        record->state = ProcessingState::failed;
-        record->lastError = text;
-        m_parts.store.save(*record);
-        m_parts.notifier.post(tr("Nothing was recorded"), text);
+    // A recording that can't be saved keeps its folder and says why; nothing follows it.
+    const auto fail = [this, id](Recording failed, const QString &title, const QString &text) {
+        failed.state = ProcessingState::failed;
+        failed.lastError = text;
+        m_parts.store.save(failed);
+        m_parts.notifier.post(title, text);
         setActivity(id, std::nullopt);
+    };
+
+    if (!record->hasMeetingTrack && !record->hasMicrophoneTrack) {
+        fail(*record, tr("Nothing was recorded"),
+             tr("No audio was captured. Check that a microphone is connected and that the meeting's sound plays "
+                "through this computer."));
         co_return;
     }
 
@@ -83,14 +88,10 @@ QCoro::Task<> AppController::finalize(QUuid id, bool recovered)
         co_return;
     }
     if (!built) {
-        const QString text = recovered ? tr("This recording was interrupted (Quillmoor was force-quit or the "
-                                            "computer shut down) before its audio could be saved.")
-                                       : built.error().description();
-        record->state = ProcessingState::failed;
-        record->lastError = text;
-        m_parts.store.save(*record);
-        m_parts.notifier.post(tr("Couldn't save recording"), text);
-        setActivity(id, std::nullopt);
+        fail(*record, tr("Couldn't save recording"),
+             recovered ? tr("This recording was interrupted (Quillmoor was force-quit or the computer shut down) "
+                            "before its audio could be saved.")
+                       : built.error().description());
         co_return;
     }
 
