@@ -1,4 +1,4 @@
-// Usage: qm_whisper_run MODEL AUDIO [LANGUAGE] [--threads N] [--profile]
+// Usage: qm_whisper_run MODEL AUDIO [LANGUAGE] [--threads N] [--profile [--screen]] [--float]
 // MODEL is a ggml file or a CTranslate2 directory; AUDIO anything FFmpeg reads.
 
 #include "transcription/whisper/frontend.h"
@@ -10,6 +10,7 @@
 #include <QElapsedTimer>
 
 #include <cstdio>
+#include <ctime>
 
 using namespace qm::whisper;
 
@@ -28,7 +29,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "%s\n", qPrintable(model.error().reason));
         return 1;
     }
-    auto network = Network::create(std::move(*model));
+    auto network = Network::create(std::move(*model), !args.contains(QStringLiteral("--float")));
     if (!network) {
         std::fprintf(stderr, "%s\n", qPrintable(network.error().reason));
         return 1;
@@ -47,10 +48,18 @@ int main(int argc, char **argv)
         const LogMel mel = logMelSpectrogram(*samples, (*network)->melFilters(), (*network)->hparams().melBins);
         std::vector<float> window(std::size_t(kWindowFrames) * std::size_t(mel.bins), 0.0f);
         std::copy_n(mel.frame(0), std::min<std::int64_t>(mel.frames, kWindowFrames) * mel.bins, window.begin());
+        // Processor time as well as wall time: on a shared machine it is the steadier of the two.
+        const auto cpu = [] {
+            timespec t{};
+            clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+            return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
+        };
         for (int i = 0; i < 3; ++i) {
             clock.restart();
+            const double before = cpu();
             session.encode(window.data());
-            std::fprintf(stderr, "encode %.3f s\n", double(clock.nsecsElapsed()) / 1e9);
+            std::fprintf(stderr, "encode %.3f s (processor %.3f s)\n", double(clock.nsecsElapsed()) / 1e9,
+                         cpu() - before);
         }
         const SpecialTokens s = SpecialTokens::forVocabularySize((*network)->hparams().vocabularySize);
         const std::vector<int> suppressed = nonSpeechTokens((*network)->vocabulary());

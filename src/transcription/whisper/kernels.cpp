@@ -6,7 +6,6 @@
 #include <bit>
 #include <cmath>
 #include <limits>
-#include <thread>
 #include <vector>
 
 // One copy per instruction set, chosen at load time: the loops below are written so the compiler can
@@ -351,8 +350,12 @@ void dotQuantizedPlain(const std::int8_t *codes, const std::int16_t *x, std::int
 
 } // namespace
 
-void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, float *error)
+void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, float *error, std::size_t first,
+                   std::size_t last)
 {
+    last = std::min(last, rows.rows);
+    if (first >= last)
+        return;
     const std::size_t columns = rows.columns;
     float largest = 0, absoluteSum = 0;
     for (std::size_t i = 0; i < columns; ++i) {
@@ -365,7 +368,7 @@ void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, f
     thread_local std::vector<std::int16_t> codes;
     thread_local std::vector<std::int32_t> dots;
     codes.resize(columns);
-    dots.resize(rows.rows);
+    dots.resize(last - first);
     for (std::size_t i = 0; i < columns; ++i)
         codes[i] = std::int16_t(std::lround(x[i] / scale));
 
@@ -377,16 +380,16 @@ void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, f
 #endif
 #if defined(__x86_64__)
     if (wide)
-        dotQuantizedWide(rows.codes.data(), codes.data(), dots.data(), rows.rows, columns);
+        dotQuantizedWide(rows.codes.data() + first * columns, codes.data(), dots.data(), last - first, columns);
     else
 #endif
-        dotQuantizedPlain(rows.codes.data(), codes.data(), dots.data(), rows.rows, columns);
+        dotQuantizedPlain(rows.codes.data() + first * columns, codes.data(), dots.data(), last - first, columns);
 
     // Each weight is off by at most half its row's step and each input by half of x's step; a little slack
     // covers the rounding of the float arithmetic here and in the exact product.
-    for (std::size_t r = 0; r < rows.rows; ++r) {
+    for (std::size_t r = first; r < last; ++r) {
         const float rowScale = rows.scales[r];
-        estimate[r] = float(dots[r]) * rowScale * scale;
+        estimate[r] = float(dots[r - first]) * rowScale * scale;
         error[r] =
             (0.5f * rowScale * absoluteSum + 0.5f * scale * (rows.absoluteSums[r] + 0.5f * rowScale * float(columns))) *
                 1.01f +
@@ -497,26 +500,6 @@ float logSumExp(const float *x, std::size_t count)
     if (!std::isfinite(top))
         return top;
     return top + std::log(shiftedExpSum(x, count, top));
-}
-
-void parallelFor(std::size_t count, int threads, const std::function<void(std::size_t, std::size_t)> &body)
-{
-    const std::size_t parts =
-        std::clamp<std::size_t>(std::size_t(std::max(threads, 1)), 1, std::max<std::size_t>(count, 1));
-    if (parts <= 1) {
-        body(0, count);
-        return;
-    }
-    std::vector<std::jthread> helpers;
-    helpers.reserve(parts - 1);
-    const std::size_t step = (count + parts - 1) / parts;
-    for (std::size_t p = 1; p < parts; ++p) {
-        const std::size_t begin = std::min(count, p * step);
-        const std::size_t end = std::min(count, begin + step);
-        if (begin < end)
-            helpers.emplace_back([&body, begin, end] { body(begin, end); });
-    }
-    body(0, std::min(count, step));
 }
 
 } // namespace qm::whisper::kernels

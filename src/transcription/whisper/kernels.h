@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <vector>
 
 // Element-wise arithmetic of the network that the BLAS library doesn't cover. Each function is built for several
@@ -34,8 +33,10 @@ struct QuantizedRows {
 };
 QuantizedRows quantizeRows(const std::uint16_t *halfRows, std::size_t rows, std::size_t columns);
 
-// estimate[r] ≈ row r · x, and error[r] bounds |estimate[r] − row r · x| for the original (half) rows.
-void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, float *error);
+// estimate[r] ≈ row r · x, and error[r] bounds |estimate[r] − row r · x| for the original (half) rows, for the
+// rows in [first, last).
+void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, float *error, std::size_t first = 0,
+                   std::size_t last = std::size_t(-1));
 
 // In place: x ← exp(x − max(x)) / Σ, over one row. Entries of −∞ end up exactly 0.
 void softmax(float *row, std::size_t count);
@@ -58,9 +59,5 @@ void broadcastRows(float *out, const float *bias, std::size_t rows, std::size_t 
 std::size_t argmax(const float *x, std::size_t count);
 // log Σ exp(x).
 float logSumExp(const float *x, std::size_t count);
-
-// Runs body(begin, end) over [0, count) split into at most `threads` contiguous parts, on this thread and
-// short-lived helpers; returns when all parts are done.
-void parallelFor(std::size_t count, int threads, const std::function<void(std::size_t, std::size_t)> &body);
 
 } // namespace qm::whisper::kernels

@@ -3,6 +3,7 @@
 #include "transcription/whisper/frontend.h"
 #include "transcription/whisper/kernels.h"
 #include "transcription/whisper/tokens.h"
+#include "transcription/whisper/workers.h"
 
 #include <cblas.h>
 
@@ -48,7 +49,7 @@ public:
 
     Linear linear(const std::string &prefix, int out, int in, bool biased = true)
     {
-        Linear l{take(prefix + ".weight", {out, in}), take(prefix + ".bias", {out}, !biased), out, in, {}};
+        Linear l{take(prefix + ".weight", {out, in}), take(prefix + ".bias", {out}, !biased), out, in, {}, {}};
         if (l.bias.empty())
             l.bias.assign(std::size_t(out), 0.0f);
         return l;
@@ -72,8 +73,12 @@ public:
     Linear convolution(const std::string &prefix, int out, int in)
     {
         const std::vector<float> kernel = take(prefix + ".weight", {out, in, 3});
-        Linear l{
-            std::vector<float>(std::size_t(out) * 3 * std::size_t(in)), take(prefix + ".bias", {out}), out, 3 * in, {}};
+        Linear l{std::vector<float>(std::size_t(out) * 3 * std::size_t(in)),
+                 take(prefix + ".bias", {out}),
+                 out,
+                 3 * in,
+                 {},
+                 {}};
         if (kernel.empty() || l.bias.empty())
             return l;
         for (std::size_t o = 0; o < std::size_t(out); ++o)
@@ -88,23 +93,46 @@ private:
     QString m_error;
 };
 
-// y ← W·x + b for `rows` inputs of `in` floats each.
-void linear(const float *x, int rows, const Linear &l, float *y)
+// Rows of a matrix–vector product per part: whole cache lines of output, and enough work to be worth a helper.
+constexpr std::size_t kRowGrain = 16;
+// Query rows per attention tile: 96 rows of scores against a whole window's keys are about half a megabyte.
+constexpr std::size_t kAttentionTile = 96;
+
+// y ← W·x + b for `rows` inputs of `in` floats each. A single input splits W's rows across the cores.
+void linear(const float *x, int rows, const Linear &l, float *y, int threads)
 {
     kernels::broadcastRows(y, l.bias.data(), std::size_t(rows), std::size_t(l.out));
-    if (rows == 1 && !l.half.empty())
-        kernels::gemvHalf(l.half.data(), x, y, std::size_t(l.out), std::size_t(l.in), true);
+    const std::size_t in = std::size_t(l.in), out = std::size_t(l.out);
+    if (!l.eightBit.empty())
+        workers::parallelFor(
+            std::size_t(rows), threads,
+            [&](std::size_t begin, std::size_t end) {
+                eightbit::accumulate(x + begin * in, end - begin, l.eightBit, y + begin * out);
+            },
+            kRowGrain);
+    else if (rows == 1 && !l.half.empty())
+        workers::parallelFor(
+            std::size_t(l.out), threads,
+            [&](std::size_t begin, std::size_t end) {
+                kernels::gemvHalf(l.half.data() + begin * in, x, y + begin, end - begin, in, true);
+            },
+            kRowGrain);
     else if (rows == 1)
         cblas_sgemv(CblasRowMajor, CblasNoTrans, l.out, l.in, 1.0f, l.weight.data(), l.in, x, 1, 1.0f, y, 1);
     else
-        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, l.out, l.in, 1.0f, x, l.in, l.weight.data(), l.in,
-                    1.0f, y, l.out);
+        workers::parallelFor(
+            std::size_t(rows), threads,
+            [&](std::size_t begin, std::size_t end) {
+                cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, int(end - begin), l.out, l.in, 1.0f,
+                            x + begin * in, l.in, l.weight.data(), l.in, 1.0f, y + begin * out, l.out);
+            },
+            kRowGrain);
 }
 
 // GELU over a whole activation, split across the cores the products use.
 void geluAll(float *x, std::size_t count, int threads)
 {
-    kernels::parallelFor(count / 4096 + 1, threads, [&](std::size_t begin, std::size_t end) {
+    workers::parallelFor(count / 4096 + 1, threads, [&](std::size_t begin, std::size_t end) {
         const std::size_t first = begin * 4096, last = std::min(count, end * 4096);
         if (first < last)
             kernels::gelu(x + first, last - first);
@@ -134,7 +162,7 @@ std::vector<float> sinusoids(int positions, int width)
     return table;
 }
 
-expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model)
+expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model, bool eightBit)
 {
     const Hyperparameters h = model.hparams;
     const auto refuse = [](const QString &why) {
@@ -204,6 +232,19 @@ expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model
     net->m_decoderNorm = b.norm("decoder.ln", dt);
     if (!b.error().isEmpty())
         return refuse(b.error());
+    // The second convolution stays in single precision: its inputs have outliers that cost the small models
+    // words in 8 bits, and it is a small share of the work.
+    if (eightBit && eightbit::available()) {
+        const auto toEightBit = [](Linear &l) {
+            l.eightBit = eightbit::quantize(l.weight, l.out, l.in);
+            l.weight = {};
+        };
+        for (EncoderLayer &layer : net->m_encoder)
+            for (Linear *l : {&layer.qkv, &layer.attentionOut, &layer.mlpIn, &layer.mlpOut})
+                toEightBit(*l);
+        for (DecoderLayer &layer : net->m_decoder)
+            toEightBit(layer.crossKeyValue);
+    }
     return std::shared_ptr<const Network>(std::move(net));
 }
 
@@ -211,7 +252,8 @@ Session::Session(std::shared_ptr<const Network> network, int threads) : m_networ
 {
     const Hyperparameters &h = m_network->hparams();
     m_threads = threads > 0 ? threads : std::max(1, int(std::thread::hardware_concurrency()));
-    openblas_set_num_threads(m_threads);
+    // Products are split across our own helpers; the BLAS library's threads would only compete with them.
+    openblas_set_num_threads(1);
 
     const auto sized = [](std::vector<float> &buffer, std::int64_t rows, std::int64_t columns) {
         buffer.assign(std::size_t(rows * columns), 0.0f);
@@ -253,29 +295,38 @@ void Session::attention(const float *queries, int queryStride, const float *keys
     const int headWidth = width / heads;
     const float scale = 1.0f / std::sqrt(float(headWidth));
     float *scores = rows > 1 && !causal && rows == keyCount ? m_scores.data() : m_dscores.data();
-    for (int h = 0; h < heads; ++h) {
-        const int column = h * headWidth;
-        if (rows == 1)
-            cblas_sgemv(CblasRowMajor, CblasNoTrans, keyCount, headWidth, scale, keys + column, keyStride,
-                        queries + column, 1, 0.0f, scores, 1);
-        else
-            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, keyCount, headWidth, scale, queries + column,
-                        queryStride, keys + column, keyStride, 0.0f, scores, keyCount);
-        if (causal || rows < 64)
-            kernels::scaledSoftmaxRows(scores, std::size_t(rows), std::size_t(keyCount), std::size_t(keyCount), 1.0f,
-                                       causal);
-        else
-            kernels::parallelFor(std::size_t(rows), m_threads, [&](std::size_t begin, std::size_t end) {
-                kernels::scaledSoftmaxRows(scores + begin * std::size_t(keyCount), end - begin, std::size_t(keyCount),
-                                           std::size_t(keyCount), 1.0f, false);
-            });
-        if (rows == 1)
-            cblas_sgemv(CblasRowMajor, CblasTrans, keyCount, headWidth, 1.0f, values + column, keyStride, scores, 1,
-                        0.0f, out + column, 1);
-        else
-            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, headWidth, keyCount, 1.0f, scores, keyCount,
-                        values + column, keyStride, 0.0f, out + column, width);
-    }
+    // Query rows are independent unless masked: each part takes a block of them through every head, in tiles
+    // small enough that a tile's scores stay in the core's own cache between the two products.
+    const auto block = [&](std::size_t begin, std::size_t end) {
+        const std::size_t tile = causal ? end - begin : kAttentionTile;
+        for (std::size_t first = begin; first < end; first += tile) {
+            const int count = int(std::min(tile, end - first));
+            const float *q = queries + first * std::size_t(queryStride);
+            float *s = scores + first * std::size_t(keyCount);
+            for (int h = 0; h < heads; ++h) {
+                const int column = h * headWidth;
+                if (count == 1)
+                    cblas_sgemv(CblasRowMajor, CblasNoTrans, keyCount, headWidth, scale, keys + column, keyStride,
+                                q + column, 1, 0.0f, s, 1);
+                else
+                    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, count, keyCount, headWidth, scale, q + column,
+                                queryStride, keys + column, keyStride, 0.0f, s, keyCount);
+                kernels::scaledSoftmaxRows(s, std::size_t(count), std::size_t(keyCount), std::size_t(keyCount), 1.0f,
+                                           causal);
+                float *o = out + first * std::size_t(width) + std::size_t(column);
+                if (count == 1)
+                    cblas_sgemv(CblasRowMajor, CblasTrans, keyCount, headWidth, 1.0f, values + column, keyStride, s, 1,
+                                0.0f, o, 1);
+                else
+                    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, count, headWidth, keyCount, 1.0f, s,
+                                keyCount, values + column, keyStride, 0.0f, o, width);
+            }
+        }
+    };
+    if (causal)
+        block(0, std::size_t(rows));
+    else
+        workers::parallelFor(std::size_t(rows), m_threads, block, kRowGrain);
 }
 
 void Session::screenText(std::vector<char> allowed)
@@ -290,15 +341,19 @@ void Session::crossAttentionOne(std::size_t layer, const float *query, float *ou
     const Hyperparameters &h = m_network->hparams();
     const std::size_t positions = std::size_t(h.audioContext), dh = std::size_t(h.textWidth / h.textHeads);
     const float scale = 1.0f / std::sqrt(float(dh));
-    float *scaled = m_crossRow.data(), *scores = m_dscores.data();
-    for (std::size_t head = 0; head < std::size_t(h.textHeads); ++head) {
-        for (std::size_t j = 0; j < dh; ++j)
-            scaled[j] = query[head * dh + j] * scale;
-        kernels::gemvHalf(m_crossKeysHalf[layer].data() + head * positions * dh, scaled, scores, positions, dh, false);
-        kernels::softmax(scores, positions);
-        kernels::gemvHalf(m_crossValuesHalf[layer].data() + head * dh * positions, scores, out + head * dh, dh,
-                          positions, false);
-    }
+    // Heads are independent: each part takes whole heads, with its own slices of the scratch rows.
+    workers::parallelFor(std::size_t(h.textHeads), m_threads, [&](std::size_t first, std::size_t last) {
+        for (std::size_t head = first; head < last; ++head) {
+            float *scaled = m_crossRow.data() + head * dh, *scores = m_dscores.data() + head * positions;
+            for (std::size_t j = 0; j < dh; ++j)
+                scaled[j] = query[head * dh + j] * scale;
+            kernels::gemvHalf(m_crossKeysHalf[layer].data() + head * positions * dh, scaled, scores, positions, dh,
+                              false);
+            kernels::softmax(scores, positions);
+            kernels::gemvHalf(m_crossValuesHalf[layer].data() + head * dh * positions, scores, out + head * dh, dh,
+                              positions, false);
+        }
+    });
 }
 
 void Session::encode(const float *window)
@@ -320,10 +375,10 @@ void Session::encode(const float *window)
             }
     };
     gather(window, kWindowFrames, mels, kWindowFrames, 1);
-    linear(m_columns.data(), kWindowFrames, net.m_conv1, m_convOut.data());
+    linear(m_columns.data(), kWindowFrames, net.m_conv1, m_convOut.data(), m_threads);
     geluAll(m_convOut.data(), m_convOut.size(), m_threads);
     gather(m_convOut.data(), kWindowFrames, d, positions, 2);
-    linear(m_columns.data(), positions, net.m_conv2, m_x.data());
+    linear(m_columns.data(), positions, net.m_conv2, m_x.data(), m_threads);
     geluAll(m_x.data(), m_x.size(), m_threads);
     kernels::add(m_x.data(), net.m_audioPositions.data(), m_x.size());
 
@@ -334,7 +389,7 @@ void Session::encode(const float *window)
     const std::size_t dt = std::size_t(h.textWidth), heads = std::size_t(h.textHeads), dh = dt / heads;
     std::vector<std::uint16_t> row(2 * dt);
     for (std::size_t l = 0; l < net.m_decoder.size(); ++l) {
-        linear(m_normed.data(), positions, net.m_decoder[l].crossKeyValue, m_crossKeyValues[l].data());
+        linear(m_normed.data(), positions, net.m_decoder[l].crossKeyValue, m_crossKeyValues[l].data(), m_threads);
         std::uint16_t *keys = m_crossKeysHalf[l].data(), *values = m_crossValuesHalf[l].data();
         for (std::size_t p = 0; p < std::size_t(positions); ++p) {
             kernels::toHalf(m_crossKeyValues[l].data() + p * 2 * dt, row.data(), 2 * dt);
@@ -353,16 +408,16 @@ void Session::encoderLayer(const EncoderLayer &layer)
     const Hyperparameters &h = m_network->hparams();
     const int d = h.audioWidth, positions = h.audioContext;
     normRows(m_x.data(), m_normed.data(), positions, d, layer.attentionNorm);
-    linear(m_normed.data(), positions, layer.qkv, m_qkv.data());
+    linear(m_normed.data(), positions, layer.qkv, m_qkv.data(), m_threads);
     attention(m_qkv.data(), 3 * d, m_qkv.data() + d, m_qkv.data() + 2 * d, 3 * d, positions, positions, h.audioHeads, d,
               false, m_attended.data());
-    linear(m_attended.data(), positions, layer.attentionOut, m_normed.data());
+    linear(m_attended.data(), positions, layer.attentionOut, m_normed.data(), m_threads);
     kernels::add(m_x.data(), m_normed.data(), m_x.size());
 
     normRows(m_x.data(), m_normed.data(), positions, d, layer.mlpNorm);
-    linear(m_normed.data(), positions, layer.mlpIn, m_hidden.data());
+    linear(m_normed.data(), positions, layer.mlpIn, m_hidden.data(), m_threads);
     geluAll(m_hidden.data(), m_hidden.size(), m_threads);
-    linear(m_hidden.data(), positions, layer.mlpOut, m_normed.data());
+    linear(m_hidden.data(), positions, layer.mlpOut, m_normed.data(), m_threads);
     kernels::add(m_x.data(), m_normed.data(), m_x.size());
 }
 
@@ -395,31 +450,31 @@ bool Session::decode(std::span<const int> tokens, std::span<const int> rows, flo
         float *keys = m_selfKeys[l].data(), *values = m_selfValues[l].data();
 
         normRows(m_dx.data(), m_dnormed.data(), n, d, layer.selfNorm);
-        linear(m_dnormed.data(), n, layer.qkv, m_dqkv.data());
+        linear(m_dnormed.data(), n, layer.qkv, m_dqkv.data(), m_threads);
         for (int i = 0; i < n; ++i) {
             const float *row = m_dqkv.data() + std::size_t(i) * 3 * width;
             std::memcpy(keys + std::size_t(m_length + i) * width, row + width, width * sizeof(float));
             std::memcpy(values + std::size_t(m_length + i) * width, row + 2 * width, width * sizeof(float));
         }
         attention(m_dqkv.data(), 3 * d, keys, values, d, n, total, h.textHeads, d, true, m_dattended.data());
-        linear(m_dattended.data(), n, layer.selfOut, m_dnormed.data());
+        linear(m_dattended.data(), n, layer.selfOut, m_dnormed.data(), m_threads);
         kernels::add(m_dx.data(), m_dnormed.data(), span);
 
         normRows(m_dx.data(), m_dnormed.data(), n, d, layer.crossNorm);
-        linear(m_dnormed.data(), n, layer.crossQuery, m_dquery.data());
+        linear(m_dnormed.data(), n, layer.crossQuery, m_dquery.data(), m_threads);
         const float *cross = m_crossKeyValues[l].data();
         if (n == 1)
             crossAttentionOne(l, m_dquery.data(), m_dattended.data());
         else
             attention(m_dquery.data(), d, cross, cross + d, 2 * d, n, h.audioContext, h.textHeads, d, false,
                       m_dattended.data());
-        linear(m_dattended.data(), n, layer.crossOut, m_dnormed.data());
+        linear(m_dattended.data(), n, layer.crossOut, m_dnormed.data(), m_threads);
         kernels::add(m_dx.data(), m_dnormed.data(), span);
 
         normRows(m_dx.data(), m_dnormed.data(), n, d, layer.mlpNorm);
-        linear(m_dnormed.data(), n, layer.mlpIn, m_dhidden.data());
+        linear(m_dnormed.data(), n, layer.mlpIn, m_dhidden.data(), m_threads);
         kernels::gelu(m_dhidden.data(), std::size_t(n) * 4 * width);
-        linear(m_dhidden.data(), n, layer.mlpOut, m_dnormed.data());
+        linear(m_dhidden.data(), n, layer.mlpOut, m_dnormed.data(), m_threads);
         kernels::add(m_dx.data(), m_dnormed.data(), span);
     }
     m_length = total;
@@ -433,8 +488,16 @@ bool Session::decode(std::span<const int> tokens, std::span<const int> rows, flo
         const std::size_t text = net.m_textRows.rows;
         if (n == 1 && firstToken <= 0 && !m_textAllowed.empty() && text > 0) {
             const std::uint16_t *embedding = net.m_tokenEmbedding.data();
-            kernels::gemvQuantized(net.m_textRows, m_dnormed.data(), out, m_textError.data());
-            kernels::gemvHalf(embedding + text * width, m_dnormed.data(), out + text, vocabulary - text, width, false);
+            // The special tokens' exact rows go with the last part.
+            workers::parallelFor(
+                text, m_threads,
+                [&](std::size_t begin, std::size_t end) {
+                    kernels::gemvQuantized(net.m_textRows, m_dnormed.data(), out, m_textError.data(), begin, end);
+                    if (end == text)
+                        kernels::gemvHalf(embedding + text * width, m_dnormed.data(), out + text, vocabulary - text,
+                                          width, false);
+                },
+                kRowGrain);
             float floor = -std::numeric_limits<float>::infinity();
             for (std::size_t t = 0; t < text; ++t)
                 if (m_textAllowed[t])
@@ -446,8 +509,14 @@ bool Session::decode(std::span<const int> tokens, std::span<const int> rows, flo
         }
         const std::size_t first = std::min(std::size_t(std::max(firstToken, 0)), vocabulary);
         std::fill_n(out, first, -std::numeric_limits<float>::infinity());
-        kernels::gemvHalf(net.m_tokenEmbedding.data() + first * width, m_dnormed.data(), out + first,
-                          vocabulary - first, width, false);
+        const std::uint16_t *rowsFrom = net.m_tokenEmbedding.data() + first * width;
+        workers::parallelFor(
+            vocabulary - first, m_threads,
+            [&](std::size_t begin, std::size_t end) {
+                kernels::gemvHalf(rowsFrom + begin * width, m_dnormed.data(), out + first + begin, end - begin, width,
+                                  false);
+            },
+            kRowGrain);
     }
     return true;
 }

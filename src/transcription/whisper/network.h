@@ -1,6 +1,7 @@
 #pragma once
 
 #include "library/result.h"
+#include "transcription/whisper/eightbit.h"
 #include "transcription/whisper/kernels.h"
 #include "transcription/whisper/whispermodel.h"
 
@@ -18,6 +19,7 @@ struct Linear {
     int out = 0;
     int in = 0;
     std::vector<std::uint16_t> half; // the weight in half precision, for one input at a time; may be empty
+    eightbit::Matrix eightBit;       // the weight in 8 bits, for many inputs at once; `weight` is then empty
 };
 
 struct Norm {
@@ -51,8 +53,9 @@ struct DecoderLayer {
 // each tap reads whole frames, positions ready to add. Immutable once made; shared by sessions.
 class Network {
 public:
-    // Consumes `model`. A missing weight or one of the wrong shape is an error naming it.
-    static expected<std::shared_ptr<const Network>, ModelError> create(Model model);
+    // Consumes `model`. A missing weight or one of the wrong shape is an error naming it. With `eightBit`, on a
+    // processor that has the instructions, the encoder and the cross-attention keys and values use 8-bit products.
+    static expected<std::shared_ptr<const Network>, ModelError> create(Model model, bool eightBit = true);
 
     const Hyperparameters &hparams() const { return m_hparams; }
     const std::vector<std::string> &vocabulary() const { return m_vocabulary; }
@@ -83,7 +86,7 @@ private:
 // Buffers are sized once, so decoding a token allocates nothing. Used from one thread at a time.
 class Session {
 public:
-    // `threads` 0 means one per core. The BLAS library's thread count is process-wide and set here.
+    // `threads` 0 means one per core. Sets the BLAS library to one thread, process-wide: work is split above it.
     explicit Session(std::shared_ptr<const Network> network, int threads = 0);
 
     const Network &network() const { return *m_network; }

@@ -1,5 +1,7 @@
+#include "transcription/whisper/frontend.h"
 #include "transcription/whisper/kernels.h"
 #include "transcription/whisper/network.h"
+#include "transcription/whisper/tokens.h"
 #include "transcription/whisper/whispermodel.h"
 
 #include <QBuffer>
@@ -7,6 +9,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <cmath>
 #include <cstring>
 #include <limits>
 
@@ -259,6 +262,72 @@ private Q_SLOTS:
             QVERIFY(!damaged);
             QVERIFY2(damaged.error().reason.contains(QLatin1String("cut short")), qPrintable(damaged.error().reason));
         }
+    }
+
+    // Rows and inputs of very different sizes, as in real layers: each must keep its own scale.
+    void eightBitProductsKeepEachRowsScale()
+    {
+        if (!eightbit::available())
+            QSKIP("this processor has no 8-bit dot products");
+        const int out = 48, in = 96, inputs = 200;
+        std::vector<float> weight(std::size_t(out * in)), x(std::size_t(inputs * in));
+        for (std::size_t i = 0; i < weight.size(); ++i)
+            weight[i] = float(std::sin(double(i) * 1.7)) * float(std::pow(10.0, double(i / std::size_t(in) % 4) - 2));
+        for (std::size_t i = 0; i < x.size(); ++i)
+            x[i] = float(std::cos(double(i) * 0.9)) * (i / std::size_t(in) % 3 == 0 ? 50.0f : 0.5f);
+        std::vector<float> y(std::size_t(inputs * out), 1.0f);
+        eightbit::accumulate(x.data(), std::size_t(inputs), eightbit::quantize(weight, out, in), y.data());
+        for (int r = 0; r < inputs; ++r)
+            for (int o = 0; o < out; ++o) {
+                double exact = 1.0, size = 0;
+                for (int i = 0; i < in; ++i) {
+                    const double product = double(weight[std::size_t(o * in + i)]) * double(x[std::size_t(r * in + i)]);
+                    exact += product;
+                    size += std::abs(product);
+                }
+                const double got = double(y[std::size_t(r * out + o)]);
+                QVERIFY2(std::abs(got - exact) <= 0.02 * size + 1e-6,
+                         qPrintable(QStringLiteral("input %1, row %2: %3 vs %4").arg(r).arg(o).arg(got).arg(exact)));
+            }
+    }
+
+    // The same window through 8-bit and single-precision products, and through one and two threads, must
+    // give the same logits up to the 8-bit rounding: a wrong scale, offset or split shows up as noise.
+    void productsAgreeAcrossPrecisionsAndThreads()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("test.bin"));
+        QCOMPARE(QProcess::execute(QStringLiteral(QM_MAKE_TEST_MODEL), {path}), 0);
+        const auto logitsOf = [&](bool eightBit, int threads) {
+            auto model = loadModel(path);
+            auto network = Network::create(std::move(*model), eightBit);
+            Session session(*network, threads);
+            const Hyperparameters &h = (*network)->hparams();
+            std::vector<float> window(std::size_t(kWindowFrames) * std::size_t(h.melBins));
+            for (std::size_t i = 0; i < window.size(); ++i)
+                window[i] = float(std::sin(double(i) * 0.37) * 0.8);
+            session.encode(window.data());
+            const std::vector<int> tokens{SpecialTokens::forVocabularySize(h.vocabularySize).startOfTranscript, 11};
+            const std::vector<int> rows{1};
+            std::vector<float> logits(std::size_t(h.vocabularySize));
+            session.decode(tokens, rows, logits.data());
+            return logits;
+        };
+        const auto distance = [](const std::vector<float> &a, const std::vector<float> &b) {
+            double difference = 0, size = 0;
+            for (std::size_t i = 0; i < a.size(); ++i) {
+                difference += double(a[i] - b[i]) * double(a[i] - b[i]);
+                size += double(b[i]) * double(b[i]);
+            }
+            return std::sqrt(difference / size);
+        };
+        const std::vector<float> exact = logitsOf(false, 1);
+        QVERIFY(distance(logitsOf(false, 2), exact) < 1e-5);
+        if (!eightbit::available())
+            QSKIP("this processor has no 8-bit dot products");
+        const std::vector<float> quick = logitsOf(true, 2);
+        QVERIFY2(distance(quick, exact) < 0.02, qPrintable(QString::number(distance(quick, exact))));
+        QCOMPARE(kernels::argmax(quick.data(), quick.size()), kernels::argmax(exact.data(), exact.size()));
     }
 
     void networkNamesAMissingWeight()
