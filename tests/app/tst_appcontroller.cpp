@@ -232,6 +232,7 @@ private Q_SLOTS:
         controller->startRecording(RecordingSource::zoom);
         QTRY_COMPARE(controller->phase(), AppController::Phase::idle);
         QCOMPARE(m_store->count(), 0);
+        QCOMPARE(m_sound.starts, 0);
         QCOMPARE(QDir(m_settings->saveFolderPath()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 0);
         const QString sentence =
             QStringLiteral("Zoom isn't running. Join your meeting in Zoom first, or use “Record System Audio”.");

@@ -32,29 +32,6 @@ class TestAppSettings : public QObject {
 private Q_SLOTS:
     void init() { m_dir = std::make_unique<QTemporaryDir>(); }
 
-    void aFreshInstallationReadsTheDefaults()
-    {
-        const auto s = open();
-        QCOMPARE(s->saveFolderPath(), QDir(documents()).filePath(QStringLiteral("Quillmoor")));
-        QCOMPARE(s->zoomStartMode(), ZoomStartMode::ask);
-        QCOMPARE(s->captureFormat(), CaptureFormat::audio);
-        QCOMPARE(s->audioQuality(), AudioQuality::high);
-        QCOMPARE(s->provider(), TranscriptionProvider::onDevice);
-        QCOMPARE(s->language(), TranscriptionLanguage::automatic);
-        QCOMPARE(s->videoFrameRate(), 15);
-        QCOMPARE(s->videoDisplayID(), 0);
-        QCOMPARE(s->myName(), QStringLiteral("Me"));
-        QCOMPARE(s->microphoneID(), QString());
-        QCOMPARE(s->driveSyncEnabled(), false);
-        QCOMPARE(s->driveSubfolder(), QStringLiteral("Quillmoor"));
-        QCOMPARE(s->driveRootPath(), QString());
-        QVERIFY(s->models().isEmpty());
-        for (bool flag : {s->autoStopWhenZoomEnds(), s->showTimerInMenuBar(), s->includeMicrophone(),
-                          s->followZoomMute(), s->autoTranscribe(), s->detectSpeakers(), s->labelMyVoice(),
-                          s->driveIncludeMedia(), s->driveIncludeTranscript()})
-            QVERIFY(flag);
-    }
-
     void storedTextMatchesExactlyOrFallsBack_data()
     {
         QTest::addColumn<QByteArray>("conf");

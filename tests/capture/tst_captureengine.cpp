@@ -57,17 +57,6 @@ private Q_SLOTS:
         m_processes.zoom = {};
     }
 
-    void zoomMustBeRunningBeforeAnythingStarts()
-    {
-        CaptureEngine engine(m_sound, nullptr, m_processes, m_clock);
-        const auto started = QCoro::waitFor(engine.start(configuration(RecordingSource::zoom)));
-        QVERIFY(!started);
-        QCOMPARE(started.error().description(),
-                 QStringLiteral("Zoom isn't running. Join your meeting in Zoom first, or use “Record System Audio”."));
-        QCOMPARE(m_sound.starts, 0);
-        QVERIFY(!QFileInfo::exists(track("meeting-audio.m4a")));
-    }
-
     void aPauseLeavesNoGapAndMutingWritesSilence()
     {
         CaptureEngine engine(m_sound, nullptr, m_processes, m_clock);

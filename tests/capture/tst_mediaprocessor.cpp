@@ -18,6 +18,12 @@ using namespace qm::test;
 
 namespace {
 
+// A command line's words; no argument in this file contains a space.
+QStringList words(const QString &line)
+{
+    return line.split(u' ');
+}
+
 QByteArray runTool(const QString &tool, const QStringList &arguments)
 {
     QProcess process;
@@ -31,37 +37,27 @@ QByteArray runTool(const QString &tool, const QStringList &arguments)
 void makeMedia(const QString &path, const QStringList &inputs, const QStringList &codec)
 {
     QDir().mkpath(QFileInfo(path).path());
-    runTool(QStringLiteral("ffmpeg"), QStringList{QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-y")} +
-                                          inputs + codec + QStringList{path});
+    runTool(QStringLiteral("ffmpeg"), words(QStringLiteral("-v error -y")) + inputs + codec + QStringList{path});
     QVERIFY2(QFileInfo(path).size() > 0, qPrintable(path));
+}
+
+QStringList lavfi(const QString &graph)
+{
+    return words(QStringLiteral("-f lavfi -i ") + graph);
 }
 
 QStringList tone(double seconds, int hz = 1000)
 {
-    return {QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
-            QStringLiteral("sine=frequency=%1:duration=%2").arg(hz).arg(seconds)};
+    return lavfi(QStringLiteral("sine=frequency=%1:duration=%2").arg(hz).arg(seconds));
 }
 
-QStringList silence(double seconds, int channels)
-{
-    return {QStringLiteral("-f"),
-            QStringLiteral("lavfi"),
-            QStringLiteral("-t"),
-            QString::number(seconds),
-            QStringLiteral("-i"),
-            QStringLiteral("anullsrc=r=48000:cl=%1")
-                .arg(channels == 1 ? QStringLiteral("mono") : QStringLiteral("stereo"))};
-}
-
-const QStringList kAac{QStringLiteral("-c:a"), QStringLiteral("aac"), QStringLiteral("-b:a"), QStringLiteral("128k")};
+const QStringList kAac = words(QStringLiteral("-c:a aac -b:a 128k"));
 
 QStringList videoPacketHashes(const QString &path)
 {
     const QByteArray md5 =
-        runTool(QStringLiteral("ffmpeg"),
-                {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path, QStringLiteral("-map"),
-                 QStringLiteral("0:v"), QStringLiteral("-c"), QStringLiteral("copy"), QStringLiteral("-f"),
-                 QStringLiteral("framemd5"), QStringLiteral("-")});
+        runTool(QStringLiteral("ffmpeg"), (words(QStringLiteral("-v error -i")) << path) +
+                                              words(QStringLiteral("-map 0:v -c copy -f framemd5 -")));
     QStringList hashes;
     for (const QByteArray &line : md5.split('\n')) {
         if (!line.isEmpty() && !line.startsWith('#'))
@@ -105,10 +101,10 @@ private Q_SLOTS:
     void tracksKeepTheirOwnStartTimes()
     {
         const Recording r = recordingIn(QStringLiteral("2024-05-01 Standup"), true, true);
-        makeMedia(track(r, "meeting-audio.m4a"), silence(5, 2), kAac);
+        makeMedia(track(r, "meeting-audio.m4a"), words(QStringLiteral("-f lavfi -t 5 -i anullsrc=r=48000:cl=stereo")),
+                  kAac);
         // The microphone opened two seconds after the meeting track: its first sample belongs at 2 s.
-        makeMedia(track(r, "microphone.m4a"), tone(1),
-                  kAac + QStringList{QStringLiteral("-output_ts_offset"), QStringLiteral("2")});
+        makeMedia(track(r, "microphone.m4a"), tone(1), kAac + words(QStringLiteral("-output_ts_offset 2")));
 
         const auto name = QCoro::waitFor(m_processor.buildFinalMedia(r, AudioQuality::high));
         QVERIFY2(name, name ? "" : qPrintable(name.error().description()));
@@ -125,7 +121,7 @@ private Q_SLOTS:
     void aMicrophoneOnlyRecordingGetsTheRequestedChannels()
     {
         const Recording r = recordingIn(QStringLiteral("In person"), false, true);
-        makeMedia(track(r, "microphone.m4a"), tone(2), kAac + QStringList{QStringLiteral("-ac"), QStringLiteral("1")});
+        makeMedia(track(r, "microphone.m4a"), tone(2), kAac + words(QStringLiteral("-ac 1")));
 
         const auto name = QCoro::waitFor(m_processor.buildFinalMedia(r, AudioQuality::lossless));
         QVERIFY(name);
@@ -145,11 +141,8 @@ private Q_SLOTS:
     {
         const Recording r = recordingIn(QStringLiteral("With screen"), true, false, true);
         makeMedia(track(r, "meeting-audio.m4a"), tone(3), kAac);
-        makeMedia(track(r, "screen.mov"),
-                  {QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
-                   QStringLiteral("testsrc=size=320x240:rate=15:duration=3")},
-                  {QStringLiteral("-c:v"), QStringLiteral("libx264"), QStringLiteral("-g"), QStringLiteral("30"),
-                   QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p")});
+        makeMedia(track(r, "screen.mov"), lavfi(QStringLiteral("testsrc=size=320x240:rate=15:duration=3")),
+                  words(QStringLiteral("-c:v libx264 -g 30 -pix_fmt yuv420p")));
 
         const auto name = QCoro::waitFor(m_processor.buildFinalMedia(r, AudioQuality::lossless));
         QVERIFY2(name, name ? "" : qPrintable(name.error().description()));
@@ -175,9 +168,8 @@ private Q_SLOTS:
         const Recording r = recordingIn(QStringLiteral("Ranged"), true, false);
         // Silence with a tone from 5 s to 6 s.
         makeMedia(track(r, "meeting-audio.m4a"),
-                  {QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
-                   QStringLiteral("sine=frequency=800:duration=10,volume=enable='between(t,5,6)':volume=1,"
-                                  "volume=enable='not(between(t,5,6))':volume=0")},
+                  lavfi(QStringLiteral("sine=frequency=800:duration=10,volume=enable='between(t,5,6)':volume=1,"
+                                       "volume=enable='not(between(t,5,6))':volume=0")),
                   kAac);
         const QString speech = m_dir.filePath(QStringLiteral("range.m4a"));
         const auto done = QCoro::waitFor(
@@ -195,9 +187,8 @@ private Q_SLOTS:
         // A fragmented track cut off by a crash: the last fragment is torn.
         const QString meeting = track(r, "meeting-audio.m4a");
         makeMedia(meeting, tone(30),
-                  kAac + QStringList{QStringLiteral("-movflags"),
-                                     QStringLiteral("+frag_keyframe+empty_moov+default_base_moof"),
-                                     QStringLiteral("-frag_duration"), QStringLiteral("10000000")});
+                  kAac + words(QStringLiteral("-movflags +frag_keyframe+empty_moov+default_base_moof -frag_duration "
+                                              "10000000")));
         QVERIFY(QFile::resize(meeting, QFileInfo(meeting).size() * 3 / 4));
         const QString microphone = track(r, "microphone.m4a");
         QFile garbage(microphone);

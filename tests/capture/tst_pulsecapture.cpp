@@ -20,28 +20,39 @@ using namespace qm::test;
 
 namespace {
 
-bool pactl(const QStringList &arguments, QByteArray *output = nullptr)
+// A command line's words; none of the arguments in this file contains a space.
+QStringList words(const char *line)
+{
+    return QString::fromLatin1(line).split(u' ');
+}
+
+bool pactl(const QString &line, QByteArray *output = nullptr)
 {
     QProcess process;
-    process.start(QStringLiteral("pactl"), arguments);
+    process.start(QStringLiteral("pactl"), line.split(u' '));
     process.waitForFinished(10000);
     if (output)
         *output = process.readAllStandardOutput().trimmed();
     return process.exitCode() == 0;
 }
 
+// A sound server module, loaded for as long as this lives.
+struct Module {
+    explicit Module(const char *arguments) { pactl(QStringLiteral("load-module ") + QLatin1String(arguments), &id); }
+    ~Module() { unload(); }
+    bool unload()
+    {
+        return !id.isEmpty() && pactl(QStringLiteral("unload-module ") + QString::fromLatin1(std::exchange(id, {})));
+    }
+    QByteArray id;
+};
+
 // Energy of one frequency in a mono 8 kHz decode of `path`, relative to the whole signal. Measured over short
 // blocks (Goertzel on each) and summed: separate streams start at unrelated phases and a player's underrun shifts
 // the phase, which would cancel a single measurement over the whole file.
 double share(const QString &path, double hz)
 {
-    QProcess process;
-    process.start(QStringLiteral("ffmpeg"),
-                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path, QStringLiteral("-f"),
-                   QStringLiteral("f32le"), QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-ar"),
-                   QStringLiteral("8000"), QStringLiteral("-")});
-    process.waitForFinished(60000);
-    const QByteArray pcm = process.readAllStandardOutput();
+    const QByteArray pcm = monoPcm(path, 8000);
     const auto *x = reinterpret_cast<const float *>(pcm.constData());
     const qsizetype n = pcm.size() / 4;
     constexpr qsizetype block = 800; // 0.1 s: bins 10 Hz wide, far narrower than 440 to 1500 Hz
@@ -76,9 +87,7 @@ class TestPulseCapture : public QObject {
         if (!QFileInfo::exists(path)) {
             QProcess sox;
             sox.start(QStringLiteral("sox"),
-                      QStringList{QStringLiteral("-n"), QStringLiteral("-r"), QStringLiteral("48000"),
-                                  QStringLiteral("-c"), QStringLiteral("2"), path, QStringLiteral("synth")} +
-                          synth.split(u' '));
+                      (words("-n -r 48000 -c 2") << path << QStringLiteral("synth")) + synth.split(u' '));
             sox.waitForFinished(30000);
         }
         return path;
@@ -91,8 +100,7 @@ class TestPulseCapture : public QObject {
         auto *player = new QProcess(this);
         // The tool picks raw or file mode from the name it was started under: a copy called "zoom" would play
         // the file's bytes as raw 16-bit 44.1 kHz noise unless told the input is a sound file.
-        player->start(program, {QStringLiteral("--file-format"), QStringLiteral("--latency-msec=20"),
-                                QStringLiteral("--device=") + sink, file});
+        player->start(program, words("--file-format --latency-msec=20") << QStringLiteral("--device=") + sink << file);
         player->waitForStarted();
         return player;
     }
@@ -115,7 +123,7 @@ class TestPulseCapture : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        if (!pactl({QStringLiteral("info")}))
+        if (!pactl(QStringLiteral("info")))
             QSKIP("No sound server: run the suite through ./scripts/test.");
         m_zoom = m_dir.filePath(QStringLiteral("zoom"));
         QVERIFY(QFile::copy(QStandardPaths::findExecutable(QStringLiteral("paplay")), m_zoom));
@@ -125,11 +133,8 @@ private Q_SLOTS:
     void onlyZoomIsHeardAndItsStreamsAreFollowed()
     {
         // An output of its own, so that nothing but the two players below plays into it.
-        QByteArray module;
-        QVERIFY(pactl({QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
-                       QStringLiteral("sink_name=call"), QStringLiteral("rate=48000")},
-                      &module));
-        auto unload = qScopeGuard([&] { pactl({QStringLiteral("unload-module"), QString::fromLatin1(module)}); });
+        const Module call("module-null-sink sink_name=call rate=48000");
+        QVERIFY(!call.id.isEmpty());
         const QString low = sound(QStringLiteral("low.wav"), QStringLiteral("2 sine 440"));
         const QString high = sound(QStringLiteral("high.wav"), QStringLiteral("5 sine 1500"));
         QProcess *zoom = play(m_zoom, QStringLiteral("call"), low);
@@ -159,14 +164,9 @@ private Q_SLOTS:
 
     void systemAudioFollowsAChangeOfOutput()
     {
-        QByteArray module;
-        QVERIFY(pactl({QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
-                       QStringLiteral("sink_name=headphones"), QStringLiteral("rate=48000")},
-                      &module));
-        auto restore = qScopeGuard([&] {
-            pactl({QStringLiteral("set-default-sink"), QStringLiteral("speakers")});
-            pactl({QStringLiteral("unload-module"), QString::fromLatin1(module)});
-        });
+        const Module headphones("module-null-sink sink_name=headphones rate=48000");
+        QVERIFY(!headphones.id.isEmpty());
+        auto restore = qScopeGuard([] { pactl(QStringLiteral("set-default-sink speakers")); });
         const QString tone = sound(QStringLiteral("tone1.wav"), QStringLiteral("1 sine 660"));
 
         PulseSoundServer server(m_clock);
@@ -174,7 +174,7 @@ private Q_SLOTS:
         const CaptureConfiguration c = configuration(QStringLiteral("system"), RecordingSource::systemAudio, false);
         QVERIFY(QCoro::waitFor(engine.start(c)));
         play(QStringLiteral("paplay"), QStringLiteral("speakers"), tone)->waitForFinished(10000);
-        QVERIFY(pactl({QStringLiteral("set-default-sink"), QStringLiteral("headphones")}));
+        QVERIFY(pactl(QStringLiteral("set-default-sink headphones")));
         QTest::qWait(300);
         play(QStringLiteral("paplay"), QStringLiteral("headphones"), tone)->waitForFinished(10000);
         QVERIFY(QCoro::waitFor(engine.stop()).meeting);
@@ -187,12 +187,8 @@ private Q_SLOTS:
     void tracksStartedTogetherStayAligned()
     {
         // A real input that hears exactly what the speakers play, so one click reaches both tracks.
-        QByteArray module;
-        QVERIFY(pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"),
-                       QStringLiteral("master=speakers.monitor"), QStringLiteral("source_name=echo"),
-                       QStringLiteral("channels=1")},
-                      &module));
-        auto unload = qScopeGuard([&] { pactl({QStringLiteral("unload-module"), QString::fromLatin1(module)}); });
+        const Module echo("module-remap-source master=speakers.monitor source_name=echo channels=1");
+        QVERIFY(!echo.id.isEmpty());
         const QString click = sound(QStringLiteral("click.wav"), QStringLiteral("0.02 square 1000"));
 
         PulseSoundServer server(m_clock);
@@ -214,10 +210,8 @@ private Q_SLOTS:
 
     void anUnpluggedMicrophoneIsReported()
     {
-        QByteArray module;
-        QVERIFY(pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"),
-                       QStringLiteral("master=room.monitor"), QStringLiteral("source_name=usb_mic")},
-                      &module));
+        Module usb("module-remap-source master=room.monitor source_name=usb_mic");
+        QVERIFY(!usb.id.isEmpty());
         PulseSoundServer server(m_clock);
         CaptureEngine engine(server, nullptr, m_processes, m_clock);
         QSignalSpy failures(&engine, &CaptureEngine::failed);
@@ -225,7 +219,7 @@ private Q_SLOTS:
         c.microphoneID = QStringLiteral("usb_mic");
         QVERIFY(QCoro::waitFor(engine.start(c)));
         QTest::qWait(500);
-        QVERIFY(pactl({QStringLiteral("unload-module"), QString::fromLatin1(module)}));
+        QVERIFY(usb.unload());
         QTRY_COMPARE_WITH_TIMEOUT(failures.count(), 1, 5000);
         QCOMPARE(failures.first().first().toString(),
                  QStringLiteral("The microphone stopped sending sound. Was it unplugged?"));
@@ -238,9 +232,7 @@ private Q_SLOTS:
             QSKIP("No X display: run the suite through ./scripts/test.");
         // A window of one known colour over the whole screen (there is no window manager to move it).
         QProcess painter;
-        painter.start(QStringLiteral("xmessage"),
-                      {QStringLiteral("-bg"), QStringLiteral("#1e50c8"), QStringLiteral("-geometry"),
-                       QStringLiteral("1920x1080+0+0"), QStringLiteral(" ")});
+        painter.start(QStringLiteral("xmessage"), words("-bg #1e50c8 -geometry 1920x1080+0+0") << QStringLiteral(" "));
         QVERIFY(painter.waitForStarted());
         auto close = qScopeGuard([&] {
             painter.kill();
@@ -266,10 +258,8 @@ private Q_SLOTS:
         QVERIFY2(std::fabs(mediaSeconds(movie) - mediaSeconds(track(c))) < 0.5,
                  qPrintable(QStringLiteral("%1 vs %2").arg(mediaSeconds(movie)).arg(mediaSeconds(track(c)))));
         QProcess frame;
-        frame.start(QStringLiteral("ffmpeg"),
-                    {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), movie,
-                     QStringLiteral("-frames:v"), QStringLiteral("1"), QStringLiteral("-f"), QStringLiteral("rawvideo"),
-                     QStringLiteral("-pix_fmt"), QStringLiteral("rgb24"), QStringLiteral("-")});
+        frame.start(QStringLiteral("ffmpeg"), QStringList{QStringLiteral("-i"), movie} +
+                                                  words("-v error -frames:v 1 -f rawvideo -pix_fmt rgb24 -"));
         frame.waitForFinished(60000);
         const QByteArray rgb = frame.readAllStandardOutput();
         QCOMPARE(rgb.size(), 1920 * 1080 * 3);
@@ -285,8 +275,8 @@ private Q_SLOTS:
 
     void aMonitorIsNeverAMicrophone()
     {
-        QVERIFY(pactl({QStringLiteral("set-default-source"), QStringLiteral("speakers.monitor")}));
-        auto restore = qScopeGuard([] { pactl({QStringLiteral("set-default-source"), QStringLiteral("microphone")}); });
+        QVERIFY(pactl(QStringLiteral("set-default-source speakers.monitor")));
+        auto restore = qScopeGuard([] { pactl(QStringLiteral("set-default-source microphone")); });
         PulseSoundServer server(m_clock);
         CaptureEngine engine(server, nullptr, m_processes, m_clock);
         CaptureConfiguration c = configuration(QStringLiteral("monitor"), RecordingSource::inPerson, true);

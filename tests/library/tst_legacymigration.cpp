@@ -95,12 +95,14 @@ private Q_SLOTS:
         QTest::addColumn<bool>("oldExists");
         QTest::addColumn<bool>("newExists");
         QTest::addColumn<bool>("settingPointsAtOld");
+        QTest::addColumn<bool>("movedBefore"); // the flag is already set
         QTest::addColumn<bool>("expectMoved");
 
-        QTest::newRow("moved, setting follows") << true << false << true << true;
-        QTest::newRow("moved, no setting") << true << false << false << true;
-        QTest::newRow("new exists: nothing moved, setting still follows") << true << true << true << false;
-        QTest::newRow("nothing to move") << false << false << false << false;
+        QTest::newRow("moved, setting follows") << true << false << true << false << true;
+        QTest::newRow("moved, no setting") << true << false << false << false << true;
+        QTest::newRow("new exists: nothing moved, setting still follows") << true << true << true << false << false;
+        QTest::newRow("nothing to move") << false << false << false << false << false;
+        QTest::newRow("flag set: nothing moved") << true << false << false << true << false;
     }
 
     void movesTheEarlierProductsFolder()
@@ -108,6 +110,7 @@ private Q_SLOTS:
         QFETCH(bool, oldExists);
         QFETCH(bool, newExists);
         QFETCH(bool, settingPointsAtOld);
+        QFETCH(bool, movedBefore);
         QFETCH(bool, expectMoved);
 
         const QString oldPath = QDir(m_documents).filePath(QStringLiteral("Harrowbrook"));
@@ -119,6 +122,8 @@ private Q_SLOTS:
         QSettings current(domainFile("app.quillmoor.Quillmoor"), QSettings::IniFormat);
         if (settingPointsAtOld)
             current.setValue(QStringLiteral("saveFolderPath"), oldPath);
+        if (movedBefore)
+            current.setValue(QStringLiteral("migratedFromHarrowbrook"), true);
 
         test::FakeSecretStore secrets;
         LegacyMigration(current, m_config, secrets, m_documents).moveHarrowbrookFolder();
@@ -145,17 +150,6 @@ private Q_SLOTS:
         LegacyMigration(current, m_config, secrets, m_documents).moveHarrowbrookFolder();
         QCOMPARE(current.value(QStringLiteral("saveFolderPath")).toString(), oldPath);
         QVERIFY(QFileInfo(oldPath).isDir());
-    }
-
-    void aSetFlagMovesNothing()
-    {
-        QDir().mkpath(QDir(m_documents).filePath(QStringLiteral("Harrowbrook")));
-        QSettings current(domainFile("app.quillmoor.Quillmoor"), QSettings::IniFormat);
-        current.setValue(QStringLiteral("migratedFromHarrowbrook"), true);
-        test::FakeSecretStore secrets;
-        LegacyMigration(current, m_config, secrets, m_documents).moveHarrowbrookFolder();
-        QVERIFY(QFileInfo::exists(QDir(m_documents).filePath(QStringLiteral("Harrowbrook"))));
-        QVERIFY(!QFileInfo::exists(QDir(m_documents).filePath(QStringLiteral("Quillmoor"))));
     }
 };
 

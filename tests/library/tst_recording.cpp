@@ -118,13 +118,6 @@ private Q_SLOTS:
         row("unknown key", "colour", QStringLiteral("teal"), true);
         for (const char *key : {"mediaFileName", "transcriptEngine", "lastError", "driveSyncedAt"})
             QTest::addRow("null %s", key) << QString::fromLatin1(key) << QJsonValue(QJsonValue::Null) << true;
-        const std::pair<const char *, const char *> known[] = {
-            {"source", "zoom"},          {"source", "systemAudio"},    {"source", "inPerson"},
-            {"state", "recording"},      {"state", "processing"},      {"state", "ready"},
-            {"state", "failed"},         {"transcriptState", "none"},  {"transcriptState", "running"},
-            {"transcriptState", "done"}, {"transcriptState", "failed"}};
-        for (const auto &[key, raw] : known)
-            QTest::addRow("%s %s", key, raw) << QString::fromLatin1(key) << QJsonValue(QLatin1String(raw)) << true;
     }
 
     void decode()
@@ -141,9 +134,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("expected"); // file names in the Source folder, in order
 
         QTest::newRow("both, meeting first") << true << true << QStringLiteral("meeting-audio.m4a microphone.m4a");
-        QTest::newRow("meeting only") << true << false << QStringLiteral("meeting-audio.m4a");
         QTest::newRow("microphone only") << false << true << QStringLiteral("microphone.m4a");
-        QTest::newRow("neither") << false << false << QString();
     }
 
     void audioSourceURLs()

@@ -163,11 +163,8 @@ private Q_SLOTS:
         QTest::newRow("digits and punctuation only") << QStringLiteral("12:30 - !") << false;
         QTest::newRow("digits then Hebrew") << QStringLiteral("2025 שלום") << true;
         QTest::newRow("Latin word then Hebrew") << QStringLiteral("hello שלום") << false;
-        QTest::newRow("accented Latin then Arabic") << QStringLiteral("École مرحبا") << false;
         QTest::newRow("Cyrillic is skipped") << QStringLiteral("Привет שלום") << true;
-        QTest::newRow("emoji then Hebrew") << QStringLiteral("😀 שלום") << true;
         QTest::newRow("Hebrew presentation form") << QStringLiteral("\uFB1D") << true;
-        QTest::newRow("Arabic presentation form") << QStringLiteral("\uFE70") << true;
         QTest::newRow("Chinese") << QStringLiteral("你好") << false;
     }
 

@@ -114,14 +114,6 @@ private Q_SLOTS:
         QVERIFY(!p->isShowing());
         QCOMPARE(m_cards.open, 0);
     }
-
-    void destroyingThePromptClosesItsCard()
-    {
-        auto p = prompt();
-        show(*p);
-        p.reset();
-        QCOMPARE(m_cards.open, 0);
-    }
 };
 
 QTEST_GUILESS_MAIN(TestZoomPrompt)

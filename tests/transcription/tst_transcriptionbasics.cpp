@@ -146,25 +146,13 @@ private Q_SLOTS:
                                       QStringLiteral("Speaker 1"), QStringLiteral("Speaker 3")}));
     }
 
-    void multipartBytes()
+    // The loopback services read every form byte for byte; what they can't see is a boundary that never changes
+    // and so could turn up inside the audio.
+    void everyFormHasItsOwnBoundary()
     {
-        MultipartForm form{QStringLiteral("B"), {}};
-        form.add(QStringLiteral("language"), QStringLiteral("he"));
-        QCOMPARE(form.data, QByteArray("--B\r\nContent-Disposition: form-data; name=\"language\"\r\n\r\nhe\r\n"));
-        form.addFile(QStringLiteral("file"), QStringLiteral("speech-0.m4a"), QStringLiteral("audio/mp4"),
-                     QByteArray("\x00\x01", 2));
-        form.close();
-        QCOMPARE(form.data,
-                 QByteArray("--B\r\nContent-Disposition: form-data; name=\"language\"\r\n\r\nhe\r\n"
-                            "--B\r\nContent-Disposition: form-data; name=\"file\"; filename=\"speech-0.m4a\"\r\n"
-                            "Content-Type: audio/mp4\r\n\r\n") +
-                     QByteArray("\x00\x01", 2) + QByteArray("\r\n--B--\r\n"));
-        QCOMPARE(form.contentType(), QByteArray("multipart/form-data; boundary=B"));
-
         const QString boundary = MultipartForm::withNewBoundary().boundary;
         QVERIFY(boundary.startsWith(QLatin1String("Quillmoor-")));
-        QCOMPARE(boundary, boundary.toUpper().replace(QLatin1String("QUILLMOOR"), QLatin1String("Quillmoor")));
-        QVERIFY(!QUuid::fromString(boundary.mid(10)).isNull());
+        QVERIFY(boundary != MultipartForm::withNewBoundary().boundary);
     }
 
     void plan_data()

@@ -1,15 +1,11 @@
 #include "capture/mediaprocessor.h"
 #include "support/fakesecretstore.h"
-#include "support/providers/fakeassemblyai.h"
 #include "support/providers/fakedeepgram.h"
 #include "support/providers/fakeelevenlabs.h"
-#include "support/providers/fakeopenai.h"
 #include "support/providers/segmentlines.h"
 #include "support/providers/speechfixture.h"
-#include "transcription/assemblyaiengine.h"
 #include "transcription/deepgramengine.h"
 #include "transcription/elevenlabsengine.h"
-#include "transcription/openaiengine.h"
 #include "transcription/transcriptionservice.h"
 
 #include <QCoroTask>
@@ -20,7 +16,6 @@
 
 using namespace qm;
 using namespace qm::test;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -49,8 +44,6 @@ class TestTranscriptionService : public QObject {
     MediaProcessor m_media;
     FakeSecretStore m_secrets;
     FakeDeepgram m_deepgram;
-    FakeOpenAI m_openAI;
-    FakeAssemblyAI m_assemblyAI;
     FakeElevenLabs m_elevenLabs;
     QList<EngineRequest> m_localRequests;
     int m_enginesMade = 0;
@@ -58,26 +51,20 @@ class TestTranscriptionService : public QObject {
 
     TranscriptionService service()
     {
-        return TranscriptionService(
-            m_secrets, m_media, [this](TranscriptionProvider provider) -> std::unique_ptr<SpeechEngine> {
-                ++m_enginesMade;
-                switch (provider) {
-                case TranscriptionProvider::deepgram:
-                    return std::make_unique<DeepgramEngine>(m_deepgram.base());
-                case TranscriptionProvider::openAI:
-                    return std::make_unique<OpenAIEngine>(m_media, 1200.0, m_openAI.base());
-                case TranscriptionProvider::assemblyAI:
-                    return std::make_unique<AssemblyAIEngine>(m_assemblyAI.base(), HttpLimits{}, 20ms);
-                case TranscriptionProvider::elevenLabs:
-                    return std::make_unique<ElevenLabsEngine>(m_elevenLabs.base());
-                case TranscriptionProvider::onDevice:
-                    break;
-                }
-                return std::make_unique<LocalEngine>(m_localRequests);
-            });
+        return TranscriptionService(m_secrets, m_media,
+                                    [this](TranscriptionProvider provider) -> std::unique_ptr<SpeechEngine> {
+                                        ++m_enginesMade;
+                                        // The other services are only reached through the key check, which comes before
+                                        // any engine.
+                                        if (provider == TranscriptionProvider::deepgram)
+                                            return std::make_unique<DeepgramEngine>(m_deepgram.base());
+                                        if (provider == TranscriptionProvider::elevenLabs)
+                                            return std::make_unique<ElevenLabsEngine>(m_elevenLabs.base());
+                                        return std::make_unique<LocalEngine>(m_localRequests);
+                                    });
     }
 
-    std::array<FakeProvider *, 4> fakes() { return {&m_deepgram, &m_openAI, &m_assemblyAI, &m_elevenLabs}; }
+    std::array<FakeProvider *, 2> fakes() { return {&m_deepgram, &m_elevenLabs}; }
 
     QStringList workingFolders() const
     {
@@ -246,29 +233,26 @@ private Q_SLOTS:
     // Failures pass through unchanged, and nothing is left behind.
     void failures_data()
     {
-        QTest::addColumn<bool>("badKey");
-        QTest::addColumn<bool>("tracksMissing");
-        QTest::addColumn<bool>("blank");
+        QTest::addColumn<QString>("fault");
         QTest::addColumn<QString>("expected");
         QTest::newRow("service refuses the key")
-            << true << false << false << QStringLiteral("Deepgram error 401: Invalid credentials.");
-        QTest::newRow("export fails") << false << true << false
+            << QStringLiteral("stale key") << QStringLiteral("Deepgram error 401: Invalid credentials.");
+        QTest::newRow("export fails") << QStringLiteral("no tracks")
                                       << QStringLiteral("There is no audio in this recording.");
-        QTest::newRow("only blank text") << false << false << true
+        QTest::newRow("only blank text") << QStringLiteral("blank")
                                          << QStringLiteral("No speech was found in this recording.");
     }
     void failures()
     {
-        QFETCH(bool, badKey);
-        QFETCH(bool, tracksMissing);
-        QFETCH(bool, blank);
+        QFETCH(QString, fault);
         QFETCH(QString, expected);
-        if (badKey)
+        if (fault == QLatin1String("stale key"))
             m_secrets.put(QLatin1String(kKeyringService), apiKeyAccount(TranscriptionProvider::deepgram),
                           QStringLiteral("stale"));
         Recording recording = m_recording;
-        if (tracksMissing)
+        if (fault == QLatin1String("no tracks"))
             recording.folder = QUrl::fromLocalFile(m_library.filePath(QStringLiteral("gone")));
+        const bool blank = fault == QLatin1String("blank");
         m_deepgram.hearing = [blank](const Mp4Audio &, int) {
             return blank ? QList<Heard>{{QStringLiteral(" \n "), 0, 1, 0}}
                          : QList<Heard>{{QStringLiteral("Hi."), 0, 1, 0}};

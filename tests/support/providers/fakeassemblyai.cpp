@@ -30,15 +30,11 @@ QString newId()
 
 } // namespace
 
-QList<ScriptedResponse> FakeAssemblyAI::errorForms() const
+ScriptedResponse FakeAssemblyAI::refusal() const
 {
     ScriptedResponse limited = assemblyError(429, QStringLiteral("Too Many Requests"));
     limited.extraHeaders.append(qMakePair(QByteArray("Retry-After"), QByteArray("30")));
-    return {
-        limited,
-        assemblyError(400, QStringLiteral("Upload failed, please try again.")),
-        assemblyError(503, QStringLiteral("Service Unavailable")),
-    };
+    return limited;
 }
 
 ScriptedResponse FakeAssemblyAI::handle(const ReceivedRequest &request)

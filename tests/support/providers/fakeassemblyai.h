@@ -22,7 +22,7 @@ public:
 
 protected:
     ScriptedResponse handle(const ReceivedRequest &request) override;
-    QList<ScriptedResponse> errorForms() const override;
+    ScriptedResponse refusal() const override;
 
 private:
     ScriptedResponse upload(const ReceivedRequest &request);

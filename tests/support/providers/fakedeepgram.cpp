@@ -22,18 +22,10 @@ QString requestId()
 
 } // namespace
 
-QList<ScriptedResponse> FakeDeepgram::errorForms() const
+ScriptedResponse FakeDeepgram::refusal() const
 {
-    return {
-        ScriptedResponse::json(
-            402, legacyError("ASR_PAYMENT_REQUIRED", "Project does not have enough credits for an ASR request.")),
-        ScriptedResponse::json(400, jsonBytes({{QStringLiteral("category"), QStringLiteral("INVALID_QUERY_PARAMETER")},
-                                               {QStringLiteral("message"),
-                                                QStringLiteral("No such model/language/tier combination found.")},
-                                               {QStringLiteral("details"), QStringLiteral("model=nova-9")},
-                                               {QStringLiteral("request_id"), requestId()}})),
-        ScriptedResponse::text(429, "text/plain", "Too many requests. Please try again later."),
-    };
+    return ScriptedResponse::json(
+        402, legacyError("ASR_PAYMENT_REQUIRED", "Project does not have enough credits for an ASR request."));
 }
 
 ScriptedResponse FakeDeepgram::handle(const ReceivedRequest &request)

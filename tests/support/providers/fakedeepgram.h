@@ -13,7 +13,7 @@ public:
 
 protected:
     ScriptedResponse handle(const ReceivedRequest &request) override;
-    QList<ScriptedResponse> errorForms() const override;
+    ScriptedResponse refusal() const override;
 
 private:
     QJsonObject success(const QList<Heard> &stretches, const Mp4Audio &audio, bool detectLanguage) const;

@@ -27,15 +27,9 @@ ScriptedResponse validationError(const QString &field)
 
 } // namespace
 
-QList<ScriptedResponse> FakeElevenLabs::errorForms() const
+ScriptedResponse FakeElevenLabs::refusal() const
 {
-    return {
-        validationError(QStringLiteral("file")),
-        detailError(401, QStringLiteral("quota_exceeded"),
-                    QStringLiteral("This request exceeds your quota. You have 0 credits remaining.")),
-        ScriptedResponse::json(
-            429, jsonBytes({{QStringLiteral("detail"), QStringLiteral("Too many concurrent requests.")}})),
-    };
+    return validationError(QStringLiteral("file"));
 }
 
 ScriptedResponse FakeElevenLabs::handle(const ReceivedRequest &request)

@@ -9,7 +9,7 @@ namespace qm::test {
 class FakeElevenLabs : public FakeProvider {
 protected:
     ScriptedResponse handle(const ReceivedRequest &request) override;
-    QList<ScriptedResponse> errorForms() const override;
+    ScriptedResponse refusal() const override;
 };
 
 } // namespace qm::test

@@ -29,17 +29,11 @@ QString speakerLetter(int speaker)
 
 } // namespace
 
-QList<ScriptedResponse> FakeOpenAI::errorForms() const
+ScriptedResponse FakeOpenAI::refusal() const
 {
-    return {
-        openAIError(429, QStringLiteral("You exceeded your current quota, please check your plan and billing details."),
-                    QStringLiteral("insufficient_quota"), QStringLiteral("insufficient_quota")),
-        invalid(QStringLiteral("Audio file might be corrupted or unsupported")),
-        // An error object without "message": the client has to fall back on the raw body.
-        ScriptedResponse::json(503,
-                               jsonBytes({{QStringLiteral("error"),
-                                           QJsonObject{{QStringLiteral("type"), QStringLiteral("server_error")}}}})),
-    };
+    return openAIError(429,
+                       QStringLiteral("You exceeded your current quota, please check your plan and billing details."),
+                       QStringLiteral("insufficient_quota"), QStringLiteral("insufficient_quota"));
 }
 
 ScriptedResponse FakeOpenAI::handle(const ReceivedRequest &request)

@@ -10,7 +10,7 @@ namespace qm::test {
 class FakeOpenAI : public FakeProvider {
 protected:
     ScriptedResponse handle(const ReceivedRequest &request) override;
-    QList<ScriptedResponse> errorForms() const override;
+    ScriptedResponse refusal() const override;
 };
 
 } // namespace qm::test

@@ -44,18 +44,11 @@ std::optional<Mp4Audio> FakeProvider::acceptAudio(const QByteArray &bytes)
 
 ScriptedResponse FakeProvider::scripted(ScriptedResponse success) const
 {
-    const QList<ScriptedResponse> errors = errorForms();
     switch (outcome) {
     case Outcome::success:
         return success;
-    case Outcome::errorForm1:
-        return errors.value(0);
-    case Outcome::errorForm2:
-        return errors.value(1);
-    case Outcome::errorForm3:
-        return errors.value(2);
-    case Outcome::noContent204:
-        return ScriptedResponse::text(204, {}, {});
+    case Outcome::refused:
+        return refusal();
     case Outcome::slow:
         success.delay = slowDelay;
         return success;

@@ -27,11 +27,8 @@ QList<HeardWord> wordsOf(const QList<Heard> &heard);
 // How a fake answers the request that carries the audio.
 enum class Outcome {
     success,
-    errorForm1, // the provider's error bodies, in the order errorForms() lists them
-    errorForm2,
-    errorForm3,
-    noContent204, // 204
-    slow,         // success, after `slowDelay`
+    refused, // the provider's refusal()
+    slow,    // success, after `slowDelay`
 };
 
 // Base of the loopback imitations of the four services. Each checks what the real service would check
@@ -65,8 +62,8 @@ public:
 
 protected:
     virtual ScriptedResponse handle(const ReceivedRequest &request) = 0;
-    // The provider's error answers for Outcome::errorForm1…3.
-    virtual QList<ScriptedResponse> errorForms() const = 0;
+    // The provider's answer for Outcome::refused.
+    virtual ScriptedResponse refusal() const = 0;
 
     // Records a protocol mistake and returns the answer the real service would give to it.
     ScriptedResponse reject(const QString &why, ScriptedResponse answer);
