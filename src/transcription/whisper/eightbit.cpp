@@ -1,5 +1,7 @@
 #include "transcription/whisper/eightbit.h"
 
+#include "transcription/whisper/kernels.h"
+
 #include <dnnl.h>
 #include <omp.h>
 
@@ -21,20 +23,19 @@ namespace {
 constexpr std::size_t kBlockRows = 128;
 constexpr int kZero = 128; // inputs are stored as unsigned bytes around this
 
-QM_VECTOR_CLONES float rowScale(const float *row, std::size_t count)
+float rowScale(const float *row, std::size_t count)
 {
-    float largest = 0;
-    for (std::size_t i = 0; i < count; ++i)
-        largest = std::max(largest, std::fabs(row[i]));
+    const float largest = kernels::absoluteMax(row, count);
     return largest > 0 ? largest / 127.0f : 1.0f;
 }
 
-// Rounds half away from zero, in a form the compiler vectorises.
-QM_VECTOR_CLONES void toCodes(const float *row, std::size_t count, float inverse, std::uint8_t *codes)
+// Rounds half away from zero and adds `zero`, in a form the compiler vectorises; the bytes are the two's
+// complement codes when `zero` is 0.
+QM_VECTOR_CLONES void toCodes(const float *row, std::size_t count, float inverse, int zero, std::uint8_t *codes)
 {
     for (std::size_t i = 0; i < count; ++i) {
         const float v = row[i] * inverse;
-        codes[i] = std::uint8_t(int(v + (v >= 0 ? 0.5f : -0.5f)) + kZero);
+        codes[i] = std::uint8_t(int(v + (v >= 0 ? 0.5f : -0.5f)) + zero);
     }
 }
 
@@ -80,10 +81,8 @@ Matrix quantize(const std::vector<float> &weight, int out, int in)
     m.scales.resize(std::size_t(out));
     for (std::size_t r = 0; r < std::size_t(out); ++r) {
         const float *row = weight.data() + r * columns;
-        const float scale = rowScale(row, columns);
-        for (std::size_t i = 0; i < columns; ++i)
-            m.codes[r * columns + i] = std::int8_t(std::lround(row[i] / scale));
-        m.scales[r] = scale;
+        m.scales[r] = rowScale(row, columns);
+        toCodes(row, columns, 1.0f / m.scales[r], 0, reinterpret_cast<std::uint8_t *>(m.codes.data() + r * columns));
     }
     return m;
 }
@@ -108,7 +107,7 @@ void accumulate(const float *x, std::size_t rows, const Matrix &weight, float *y
         for (std::size_t r = 0; r < count; ++r) {
             const float *row = x + (first + r) * in;
             scales[r] = rowScale(row, in);
-            toCodes(row, in, 1.0f / scales[r], codes.data() + r * in);
+            toCodes(row, in, 1.0f / scales[r], kZero, codes.data() + r * in);
         }
         dnnl_gemm_u8s8s32('N', 'T', 'F', dnnl_dim_t(count), dnnl_dim_t(out), dnnl_dim_t(in), 1.0f, codes.data(),
                           dnnl_dim_t(in), std::uint8_t(kZero), weight.codes.data(), dnnl_dim_t(in), 0, 0.0f,

@@ -466,6 +466,21 @@ QM_VECTOR_CLONES float shiftedExpSum(const float *x, std::size_t count, float sh
 
 } // namespace
 
+QM_VECTOR_CLONES float absoluteMax(const float *x, std::size_t count)
+{
+    float lanes[kLanes] = {};
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes)
+        for (std::size_t j = 0; j < kLanes; ++j)
+            lanes[j] = lanes[j] > std::fabs(x[i + j]) ? lanes[j] : std::fabs(x[i + j]);
+    for (; i < count; ++i)
+        lanes[0] = lanes[0] > std::fabs(x[i]) ? lanes[0] : std::fabs(x[i]);
+    float best = 0;
+    for (float lane : lanes)
+        best = best > lane ? best : lane;
+    return best;
+}
+
 void layerNorm(const float *x, float *out, std::size_t count, const float *gain, const float *bias)
 {
     const float mean = rowSum(x, count) / float(count);

@@ -50,6 +50,8 @@ void scaledSoftmaxRows(float *rows, std::size_t rowCount, std::size_t count, std
 void gelu(float *x, std::size_t count);
 // out ← (x − mean) / sqrt(var + 1e-5) · gain + bias, for one row of `count`. `out` may be `x`.
 void layerNorm(const float *x, float *out, std::size_t count, const float *gain, const float *bias);
+// max |x|, 0 for no values.
+float absoluteMax(const float *x, std::size_t count);
 // x ← x + y.
 void add(float *x, const float *y, std::size_t count);
 // Copies `bias` into each of `rows` rows of `out`, so a following product can accumulate onto it.
