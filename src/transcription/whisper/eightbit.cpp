@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 // The per-row scaling loops are built for several instruction sets, like the network's element-wise kernels.
 #if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__)
@@ -21,41 +22,67 @@ namespace {
 
 // Rows per library call: the 8-bit inputs and 32-bit sums of a block stay in the second-level cache.
 constexpr std::size_t kBlockRows = 128;
-constexpr int kZero = 128; // inputs are stored as unsigned bytes around this
+constexpr std::size_t kLanes = 16;
 
-float rowScale(const float *row, std::size_t count)
-{
-    const float largest = kernels::absoluteMax(row, count);
-    return largest > 0 ? largest / 127.0f : 1.0f;
-}
+// Each input row is mapped onto 0…255 from its own lowest to its highest value, not symmetrically around
+// zero: after a GELU nearly all the range is positive, and a symmetric code would waste half its steps.
+struct Range {
+    float low = 0;
+    float step = 1;
+};
 
-// Rounds half away from zero and adds `zero`, in a form the compiler vectorises; the bytes are the two's
-// complement codes when `zero` is 0.
-QM_VECTOR_CLONES void toCodes(const float *row, std::size_t count, float inverse, int zero, std::uint8_t *codes)
+QM_VECTOR_CLONES Range rangeOf(const float *x, std::size_t count)
 {
-    for (std::size_t i = 0; i < count; ++i) {
-        const float v = row[i] * inverse;
-        codes[i] = std::uint8_t(int(v + (v >= 0 ? 0.5f : -0.5f)) + zero);
+    float lows[kLanes], highs[kLanes];
+    for (std::size_t j = 0; j < kLanes; ++j)
+        lows[j] = highs[j] = count > 0 ? x[0] : 0.0f;
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes)
+        for (std::size_t j = 0; j < kLanes; ++j) {
+            lows[j] = lows[j] < x[i + j] ? lows[j] : x[i + j];
+            highs[j] = highs[j] > x[i + j] ? highs[j] : x[i + j];
+        }
+    for (; i < count; ++i) {
+        lows[0] = std::min(lows[0], x[i]);
+        highs[0] = std::max(highs[0], x[i]);
     }
+    const float low = *std::min_element(lows, lows + kLanes), high = *std::max_element(highs, highs + kLanes);
+    return Range{low, high > low ? (high - low) / 255.0f : 1.0f};
 }
 
-QM_VECTOR_CLONES void addScaled(const std::int32_t *sums, std::size_t count, float scale, const float *scales, float *y)
+// Rounds (x − offset) / step to the nearest code, in a form the compiler vectorises.
+QM_VECTOR_CLONES void toCodes(const float *x, std::size_t count, float offset, float inverseStep, std::uint8_t *codes)
 {
     for (std::size_t i = 0; i < count; ++i)
-        y[i] += float(sums[i]) * scale * scales[i];
+        codes[i] = std::uint8_t(int((x[i] - offset) * inverseStep + 0.5f));
 }
 
-// One tiny product with a known answer: a library that can't run here (or reads its offsets the other way)
-// must not be trusted with a window.
+// Σ wᵢxᵢ ≈ Σ wᵢ(low + step·codeᵢ) = step·Σ wᵢcodeᵢ + low·Σ wᵢ, with each weight row's own scale.
+QM_VECTOR_CLONES void addScaled(const std::int32_t *sums, std::size_t count, Range range, const float *scales,
+                                const std::int32_t *weightSums, float *y)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        y[i] += (float(sums[i]) * range.step + float(weightSums[i]) * range.low) * scales[i];
+}
+
+void productsOf(const std::uint8_t *codes, std::size_t rows, const Matrix &weight, std::int32_t *sums)
+{
+    const std::int32_t noOffset = 0;
+    dnnl_gemm_u8s8s32('N', 'T', 'F', dnnl_dim_t(rows), dnnl_dim_t(weight.out), dnnl_dim_t(weight.in), 1.0f, codes,
+                      dnnl_dim_t(weight.in), 0, weight.codes.data(), dnnl_dim_t(weight.in), 0, 0.0f, sums,
+                      dnnl_dim_t(weight.out), &noOffset);
+}
+
+// One tiny product with a known answer: a library that can't run here must not be trusted with a window.
 bool selfCheck()
 {
-    const std::uint8_t a[2] = {kZero + 3, kZero - 2};
-    const std::int8_t b[4] = {5, -7, 1, 2};
-    std::int32_t c[2] = {};
-    const std::int32_t noOffset = 0;
-    const dnnl_status_t status =
-        dnnl_gemm_u8s8s32('N', 'T', 'F', 1, 2, 2, 1.0f, a, 2, kZero, b, 2, 0, 0.0f, c, 2, &noOffset);
-    return status == dnnl_success && c[0] == 3 * 5 + -2 * -7 && c[1] == 3 * 1 + -2 * 2;
+    Matrix m;
+    m.codes = {5, -7, 1, 2};
+    m.out = m.in = 2;
+    const std::uint8_t codes[2] = {203, 2};
+    std::int32_t sums[2] = {};
+    productsOf(codes, 1, m, sums);
+    return sums[0] == 203 * 5 + 2 * -7 && sums[1] == 203 * 1 + 2 * 2;
 }
 
 } // namespace
@@ -79,10 +106,12 @@ Matrix quantize(const std::vector<float> &weight, int out, int in)
     const std::size_t columns = std::size_t(in);
     m.codes.resize(std::size_t(out) * columns);
     m.scales.resize(std::size_t(out));
+    m.sums.resize(std::size_t(out));
     for (std::size_t r = 0; r < std::size_t(out); ++r) {
         const float *row = weight.data() + r * columns;
-        m.scales[r] = rowScale(row, columns);
-        toCodes(row, columns, 1.0f / m.scales[r], 0, reinterpret_cast<std::uint8_t *>(m.codes.data() + r * columns));
+        std::int8_t *codes = m.codes.data() + r * columns;
+        m.scales[r] = kernels::roundToCodes(row, columns, codes);
+        m.sums[r] = std::accumulate(codes, codes + columns, std::int32_t(0));
     }
     return m;
 }
@@ -95,25 +124,23 @@ void accumulate(const float *x, std::size_t rows, const Matrix &weight, float *y
 
     const std::size_t in = std::size_t(weight.in), out = std::size_t(weight.out);
     thread_local std::vector<std::uint8_t> codes;
-    thread_local std::vector<float> scales;
+    thread_local std::vector<Range> ranges;
     thread_local std::vector<std::int32_t> sums;
     codes.resize(kBlockRows * in);
-    scales.resize(kBlockRows);
+    ranges.resize(kBlockRows);
     sums.resize(kBlockRows * out);
-    const std::int32_t noOffset = 0;
 
     for (std::size_t first = 0; first < rows; first += kBlockRows) {
         const std::size_t count = std::min(kBlockRows, rows - first);
         for (std::size_t r = 0; r < count; ++r) {
             const float *row = x + (first + r) * in;
-            scales[r] = rowScale(row, in);
-            toCodes(row, in, 1.0f / scales[r], kZero, codes.data() + r * in);
+            ranges[r] = rangeOf(row, in);
+            toCodes(row, in, ranges[r].low, 1.0f / ranges[r].step, codes.data() + r * in);
         }
-        dnnl_gemm_u8s8s32('N', 'T', 'F', dnnl_dim_t(count), dnnl_dim_t(out), dnnl_dim_t(in), 1.0f, codes.data(),
-                          dnnl_dim_t(in), std::uint8_t(kZero), weight.codes.data(), dnnl_dim_t(in), 0, 0.0f,
-                          sums.data(), dnnl_dim_t(out), &noOffset);
+        productsOf(codes.data(), count, weight, sums.data());
         for (std::size_t r = 0; r < count; ++r)
-            addScaled(sums.data() + r * out, out, scales[r], weight.scales.data(), y + (first + r) * out);
+            addScaled(sums.data() + r * out, out, ranges[r], weight.scales.data(), weight.sums.data(),
+                      y + (first + r) * out);
     }
 }
 

@@ -17,6 +17,7 @@ bool available();
 struct Matrix {
     std::vector<std::int8_t> codes;
     std::vector<float> scales;
+    std::vector<std::int32_t> sums; // of each row's codes
     int out = 0;
     int in = 0;
 
@@ -24,7 +25,7 @@ struct Matrix {
 };
 Matrix quantize(const std::vector<float> &weight, int out, int in);
 
-// y[r] ← y[r] + W·x[r] for each of `rows` inputs of `in` floats, each input scaled to 8 bits on its own.
+// y[r] ← y[r] + W·x[r] for each of `rows` inputs of `in` floats, each input mapped to 8 bits over its own range.
 // Runs on the calling thread only; callers split rows across threads.
 void accumulate(const float *x, std::size_t rows, const Matrix &weight, float *y);
 

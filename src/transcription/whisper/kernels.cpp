@@ -293,15 +293,10 @@ QuantizedRows quantizeRows(const std::uint16_t *halfRows, std::size_t rows, std:
     std::vector<float> row(columns);
     for (std::size_t r = 0; r < rows; ++r) {
         halfToFloat(halfRows + r * columns, row.data(), columns);
-        float largest = 0, sum = 0;
-        for (float v : row) {
-            largest = std::max(largest, std::fabs(v));
+        float sum = 0;
+        for (float v : row)
             sum += std::fabs(v);
-        }
-        const float scale = largest > 0 ? largest / 127.0f : 1.0f;
-        for (std::size_t i = 0; i < columns; ++i)
-            q.codes[r * columns + i] = std::int8_t(std::lround(row[i] / scale));
-        q.scales[r] = scale;
+        q.scales[r] = roundToCodes(row.data(), columns, q.codes.data() + r * columns);
         q.absoluteSums[r] = sum;
     }
     return q;
@@ -333,6 +328,28 @@ __attribute__((target("avx512f,avx512bw"))) void dotQuantizedWide(const std::int
         out[r] = total;
     }
 }
+
+__attribute__((target("avx2"))) void dotQuantizedNarrow(const std::int8_t *codes, const std::int16_t *x,
+                                                        std::int32_t *out, std::size_t rows, std::size_t columns)
+{
+    const std::size_t body = columns / 16 * 16;
+    for (std::size_t r = 0; r < rows; ++r) {
+        const std::int8_t *row = codes + r * columns;
+        __m256i sum = _mm256_setzero_si256();
+        for (std::size_t i = 0; i < body; i += 16) {
+            const __m256i w = _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + i)));
+            sum = _mm256_add_epi32(sum,
+                                   _mm256_madd_epi16(w, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(x + i))));
+        }
+        __m128i folded = _mm_add_epi32(_mm256_castsi256_si128(sum), _mm256_extracti128_si256(sum, 1));
+        folded = _mm_hadd_epi32(folded, folded);
+        folded = _mm_hadd_epi32(folded, folded);
+        std::int32_t total = _mm_cvtsi128_si32(folded);
+        for (std::size_t i = body; i < columns; ++i)
+            total += std::int32_t(row[i]) * x[i];
+        out[r] = total;
+    }
+}
 #endif
 
 #pragma GCC diagnostic pop
@@ -348,6 +365,36 @@ void dotQuantizedPlain(const std::int8_t *codes, const std::int16_t *x, std::int
     }
 }
 
+// Quantizes x and writes its products with rows [first, last) to `dots`; answers x's step.
+float quantizedDots(const QuantizedRows &rows, const float *x, std::size_t first, std::size_t last,
+                    std::vector<std::int32_t> &dots)
+{
+    const std::size_t columns = rows.columns;
+    // The input keeps 14 bits: layer-normalised states have a few very large components, and 8 bits would
+    // blur the rest. 2048 pairs of 8-bit × 14-bit products still fit a 32-bit sum.
+    const float largest = absoluteMax(x, columns);
+    const float scale = largest > 0 ? largest / 8191.0f : 1.0f;
+    thread_local std::vector<std::int16_t> codes;
+    codes.resize(columns);
+    dots.resize(last - first);
+    for (std::size_t i = 0; i < columns; ++i)
+        codes[i] = std::int16_t(std::lround(x[i] / scale));
+
+    using Dots = void (*)(const std::int8_t *, const std::int16_t *, std::int32_t *, std::size_t, std::size_t);
+    static const Dots chosen = []() -> Dots {
+#if defined(__x86_64__)
+        __builtin_cpu_init();
+        if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw"))
+            return dotQuantizedWide;
+        if (__builtin_cpu_supports("avx2"))
+            return dotQuantizedNarrow;
+#endif
+        return dotQuantizedPlain;
+    }();
+    chosen(rows.codes.data() + first * columns, codes.data(), dots.data(), last - first, columns);
+    return scale;
+}
+
 } // namespace
 
 void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, float *error, std::size_t first,
@@ -356,45 +403,33 @@ void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, f
     last = std::min(last, rows.rows);
     if (first >= last)
         return;
-    const std::size_t columns = rows.columns;
-    float largest = 0, absoluteSum = 0;
-    for (std::size_t i = 0; i < columns; ++i) {
-        largest = std::max(largest, std::fabs(x[i]));
-        absoluteSum += std::fabs(x[i]);
-    }
-    // The input keeps 14 bits: layer-normalised states have a few very large components, and 8 bits would
-    // blur the rest. 512 pairs of 8-bit × 14-bit products still fit a 32-bit sum.
-    const float scale = largest > 0 ? largest / 8191.0f : 1.0f;
-    thread_local std::vector<std::int16_t> codes;
     thread_local std::vector<std::int32_t> dots;
-    codes.resize(columns);
-    dots.resize(last - first);
-    for (std::size_t i = 0; i < columns; ++i)
-        codes[i] = std::int16_t(std::lround(x[i] / scale));
-
-    static const bool wide =
-#if defined(__x86_64__)
-        (__builtin_cpu_init(), __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw"));
-#else
-        false;
-#endif
-#if defined(__x86_64__)
-    if (wide)
-        dotQuantizedWide(rows.codes.data() + first * columns, codes.data(), dots.data(), last - first, columns);
-    else
-#endif
-        dotQuantizedPlain(rows.codes.data() + first * columns, codes.data(), dots.data(), last - first, columns);
+    const float scale = quantizedDots(rows, x, first, last, dots);
+    float absoluteSum = 0;
+    for (std::size_t i = 0; i < rows.columns; ++i)
+        absoluteSum += std::fabs(x[i]);
 
     // Each weight is off by at most half its row's step and each input by half of x's step; a little slack
     // covers the rounding of the float arithmetic here and in the exact product.
     for (std::size_t r = first; r < last; ++r) {
         const float rowScale = rows.scales[r];
         estimate[r] = float(dots[r - first]) * rowScale * scale;
-        error[r] =
-            (0.5f * rowScale * absoluteSum + 0.5f * scale * (rows.absoluteSums[r] + 0.5f * rowScale * float(columns))) *
-                1.01f +
-            1e-4f;
+        error[r] = (0.5f * rowScale * absoluteSum +
+                    0.5f * scale * (rows.absoluteSums[r] + 0.5f * rowScale * float(rows.columns))) *
+                       1.01f +
+                   1e-4f;
     }
+}
+
+void gemvEightBit(const QuantizedRows &rows, const float *x, float *y, std::size_t first, std::size_t last)
+{
+    last = std::min(last, rows.rows);
+    if (first >= last)
+        return;
+    thread_local std::vector<std::int32_t> dots;
+    const float scale = quantizedDots(rows, x, first, last, dots);
+    for (std::size_t r = first; r < last; ++r)
+        y[r] += float(dots[r - first]) * rows.scales[r] * scale;
 }
 
 void halfToFloat(const std::uint16_t *half, float *out, std::size_t count)
@@ -465,6 +500,27 @@ QM_VECTOR_CLONES float shiftedExpSum(const float *x, std::size_t count, float sh
 }
 
 } // namespace
+
+namespace {
+
+// Rounds half away from zero, in a form the compiler vectorises.
+QM_VECTOR_CLONES void roundToCodes(const float *x, std::size_t count, float inverse, std::int8_t *codes)
+{
+    for (std::size_t i = 0; i < count; ++i) {
+        const float v = x[i] * inverse;
+        codes[i] = std::int8_t(v + (v >= 0 ? 0.5f : -0.5f));
+    }
+}
+
+} // namespace
+
+float roundToCodes(const float *x, std::size_t count, std::int8_t *codes)
+{
+    const float largest = absoluteMax(x, count);
+    const float scale = largest > 0 ? largest / 127.0f : 1.0f;
+    roundToCodes(x, count, 1.0f / scale, codes);
+    return scale;
+}
 
 QM_VECTOR_CLONES float absoluteMax(const float *x, std::size_t count)
 {

@@ -37,6 +37,10 @@ QuantizedRows quantizeRows(const std::uint16_t *halfRows, std::size_t rows, std:
 // rows in [first, last).
 void gemvQuantized(const QuantizedRows &rows, const float *x, float *estimate, float *error, std::size_t first = 0,
                    std::size_t last = std::size_t(-1));
+// y[r] ← y[r] + row r · x, to within the same error, for rows in [first, last): the decoder's weights in 8 bits,
+// half the bytes of half precision for a product that waits on memory.
+void gemvEightBit(const QuantizedRows &rows, const float *x, float *y, std::size_t first = 0,
+                  std::size_t last = std::size_t(-1));
 
 // In place: x ← exp(x − max(x)) / Σ, over one row. Entries of −∞ end up exactly 0.
 void softmax(float *row, std::size_t count);
@@ -52,6 +56,8 @@ void gelu(float *x, std::size_t count);
 void layerNorm(const float *x, float *out, std::size_t count, const float *gain, const float *bias);
 // max |x|, 0 for no values.
 float absoluteMax(const float *x, std::size_t count);
+// Codes x as x ≈ scale · code with codes in −127…127, rounding to nearest; answers the scale.
+float roundToCodes(const float *x, std::size_t count, std::int8_t *codes);
 // x ← x + y.
 void add(float *x, const float *y, std::size_t count);
 // Copies `bias` into each of `rows` rows of `out`, so a following product can accumulate onto it.

@@ -49,7 +49,7 @@ public:
 
     Linear linear(const std::string &prefix, int out, int in, bool biased = true)
     {
-        Linear l{take(prefix + ".weight", {out, in}), take(prefix + ".bias", {out}, !biased), out, in, {}, {}};
+        Linear l{take(prefix + ".weight", {out, in}), take(prefix + ".bias", {out}, !biased), out, in, {}, {}, {}};
         if (l.bias.empty())
             l.bias.assign(std::size_t(out), 0.0f);
         return l;
@@ -77,6 +77,7 @@ public:
                  take(prefix + ".bias", {out}),
                  out,
                  3 * in,
+                 {},
                  {},
                  {}};
         if (kernel.empty() || l.bias.empty())
@@ -111,6 +112,10 @@ void linear(const float *x, int rows, const Linear &l, float *y, int threads)
                 eightbit::accumulate(x + begin * in, end - begin, l.eightBit, y + begin * out);
             },
             kRowGrain);
+    else if (rows == 1 && l.rows.rows > 0)
+        workers::parallelFor(
+            std::size_t(l.out), threads,
+            [&](std::size_t begin, std::size_t end) { kernels::gemvEightBit(l.rows, x, y, begin, end); }, kRowGrain);
     else if (rows == 1 && !l.half.empty())
         workers::parallelFor(
             std::size_t(l.out), threads,
@@ -234,7 +239,8 @@ expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model
     if (!b.error().isEmpty())
         return refuse(b.error());
     // The second convolution stays in single precision: its inputs have outliers that cost the small models
-    // words in 8 bits, and it is a small share of the work.
+    // words in 8 bits, and it is a small share of the work. The decoder's per-token products keep 8-bit weights
+    // too, but with finer inputs (see kernels::gemvEightBit).
     if (eightBit && eightbit::available()) {
         const auto toEightBit = [](Linear &l) {
             l.eightBit = eightbit::quantize(l.weight, l.out, l.in);
@@ -243,8 +249,14 @@ expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model
         for (EncoderLayer &layer : net->m_encoder)
             for (Linear *l : {&layer.qkv, &layer.attentionOut, &layer.mlpIn, &layer.mlpOut})
                 toEightBit(*l);
-        for (DecoderLayer &layer : net->m_decoder)
+        for (DecoderLayer &layer : net->m_decoder) {
             toEightBit(layer.crossKeyValue);
+            for (Linear *l :
+                 {&layer.qkv, &layer.selfOut, &layer.crossQuery, &layer.crossOut, &layer.mlpIn, &layer.mlpOut}) {
+                l->rows = kernels::quantizeRows(l->half.data(), std::size_t(l->out), std::size_t(l->in));
+                l->half = {};
+            }
+        }
     }
     return std::shared_ptr<const Network>(std::move(net));
 }

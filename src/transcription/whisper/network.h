@@ -20,6 +20,7 @@ struct Linear {
     int in = 0;
     std::vector<std::uint16_t> half; // the weight in half precision, for one input at a time; may be empty
     eightbit::Matrix eightBit;       // the weight in 8 bits, for many inputs at once; `weight` is then empty
+    kernels::QuantizedRows rows;     // the weight in 8 bits, for one input at a time; `half` is then empty
 };
 
 struct Norm {

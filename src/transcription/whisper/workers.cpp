@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -28,48 +27,45 @@ inline void relax()
 // About 0.1 ms of pauses: long enough to bridge the gaps between the products of one decoding step.
 constexpr int kSpins = 1500;
 
+// Parts are claimed, not assigned: whoever is running takes the next one. On a busy machine a helper may wake
+// milliseconds late; the caller then does that part itself instead of waiting for it.
 class Pool {
 public:
     Pool()
     {
         const int helpers = std::max(1, int(std::thread::hardware_concurrency())) - 1;
-        m_helpers.reserve(std::size_t(helpers));
         for (int i = 0; i < helpers; ++i)
-            m_helpers.push_back(std::make_unique<Helper>());
-        for (int i = 0; i < helpers; ++i)
-            m_helpers[std::size_t(i)]->thread = std::jthread([this, i] { serve(std::size_t(i)); });
+            m_helpers.emplace_back([this] { serve(); });
     }
 
     ~Pool()
     {
         m_stopping.store(true, std::memory_order_relaxed);
-        for (auto &helper : m_helpers) {
-            helper->ticket.fetch_add(1, std::memory_order_release);
-            helper->ticket.notify_one();
-        }
-        for (auto &helper : m_helpers)
-            helper->thread.join();
+        m_wake.fetch_add(1, std::memory_order_release);
+        m_wake.notify_all();
+        m_helpers.clear(); // joins
     }
 
     std::size_t helpers() const { return m_helpers.size(); }
     std::mutex &busy() { return m_busy; }
 
-    // Caller holds busy(). `bounds` has parts + 1 entries; part 0 is the caller's.
+    // Caller holds busy(). `bounds` has parts + 1 entries.
     void run(const std::vector<std::size_t> &bounds, void *body, Part part)
     {
-        const std::size_t parts = bounds.size() - 1;
+        const std::uint64_t parts = bounds.size() - 1;
         m_bounds = &bounds;
         m_body = body;
         m_part = part;
-        m_remaining.store(int(parts - 1), std::memory_order_relaxed);
-        for (std::size_t p = 1; p < parts; ++p) {
-            Helper &helper = *m_helpers[p - 1];
-            helper.ticket.fetch_add(1, std::memory_order_release);
-            helper.ticket.notify_one();
-        }
-        part(body, bounds[0], bounds[1]);
-        // On a busy machine a helper may not run at once: spinning on would keep it off the core.
-        for (int spins = 0; m_remaining.load(std::memory_order_acquire) != 0; ++spins)
+        m_done.store(0, std::memory_order_relaxed);
+        ++m_generation;
+        m_claim.store(m_generation << 32 | parts << 16, std::memory_order_release);
+        // Sequentially consistent, with the helper's side: either we see it going to sleep, or it sees the new
+        // job before sleeping. (A wake-up lost anyway would only cost parallelism: the caller claims every part.)
+        m_wake.fetch_add(1, std::memory_order_seq_cst);
+        if (m_sleepers.load(std::memory_order_seq_cst) > 0)
+            m_wake.notify_all();
+        work();
+        for (int spins = 0; m_done.load(std::memory_order_acquire) != parts; ++spins)
             if (spins < kSpins)
                 relax();
             else
@@ -77,38 +73,57 @@ public:
     }
 
 private:
-    struct Helper {
-        std::atomic<std::uint32_t> ticket{0};
-        std::jthread thread;
-    };
-
-    void serve(std::size_t index)
+    // Claims and runs parts of the current job until none is left.
+    void work()
     {
-        Helper &helper = *m_helpers[index];
-        std::uint32_t seen = 0;
+        std::uint64_t claim = m_claim.load(std::memory_order_acquire);
+        for (;;) {
+            const std::uint64_t parts = claim >> 16 & 0xffff, next = claim & 0xffff;
+            if (next >= parts)
+                return;
+            if (!m_claim.compare_exchange_weak(claim, claim + 1, std::memory_order_acq_rel))
+                continue;
+            // The job can't change before this part is counted done, so its fields are stable here.
+            const std::vector<std::size_t> &bounds = *m_bounds;
+            if (bounds[next] < bounds[next + 1])
+                m_part(m_body, bounds[next], bounds[next + 1]);
+            m_done.fetch_add(1, std::memory_order_release);
+            claim = m_claim.load(std::memory_order_acquire);
+        }
+    }
+
+    void serve()
+    {
+        std::uint32_t seen = m_wake.load(std::memory_order_acquire);
         for (;;) {
             int spins = 0;
             std::uint32_t now;
-            while ((now = helper.ticket.load(std::memory_order_acquire)) == seen) {
-                if (++spins < kSpins)
+            while ((now = m_wake.load(std::memory_order_acquire)) == seen) {
+                if (++spins < kSpins) {
                     relax();
-                else
-                    helper.ticket.wait(seen, std::memory_order_acquire);
+                    continue;
+                }
+                m_sleepers.fetch_add(1, std::memory_order_seq_cst);
+                m_wake.wait(seen, std::memory_order_seq_cst);
+                m_sleepers.fetch_sub(1, std::memory_order_relaxed);
             }
             seen = now;
             if (m_stopping.load(std::memory_order_relaxed))
                 return;
-            const std::vector<std::size_t> &bounds = *m_bounds;
-            m_part(m_body, bounds[index + 1], bounds[index + 2]);
-            m_remaining.fetch_sub(1, std::memory_order_release);
+            work();
         }
     }
 
-    std::vector<std::unique_ptr<Helper>> m_helpers;
+    std::vector<std::jthread> m_helpers;
     std::mutex m_busy;
     std::atomic<bool> m_stopping{false};
-    std::atomic<int> m_remaining{0};
-    // The current job; written only while no helper is working.
+    std::atomic<std::uint32_t> m_wake{0};
+    std::atomic<int> m_sleepers{0};
+    // generation (32 bits) | parts (16) | next unclaimed part (16)
+    std::atomic<std::uint64_t> m_claim{0};
+    std::atomic<std::uint64_t> m_done{0};
+    // The current job, written only by the caller between jobs.
+    std::uint64_t m_generation = 0;
     const std::vector<std::size_t> *m_bounds = nullptr;
     void *m_body = nullptr;
     Part m_part = nullptr;
