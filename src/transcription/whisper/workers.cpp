@@ -24,6 +24,9 @@ inline void relax()
 #endif
 }
 
+// Set while this thread runs a part: a part that splits its own work again does it alone.
+thread_local bool t_inPart = false;
+
 // About 0.1 ms of pauses: long enough to bridge the gaps between the products of one decoding step.
 constexpr int kSpins = 1500;
 
@@ -85,8 +88,11 @@ private:
                 continue;
             // The job can't change before this part is counted done, so its fields are stable here.
             const std::vector<std::size_t> &bounds = *m_bounds;
-            if (bounds[next] < bounds[next + 1])
+            if (bounds[next] < bounds[next + 1]) {
+                t_inPart = true;
                 m_part(m_body, bounds[next], bounds[next + 1]);
+                t_inPart = false;
+            }
             m_done.fetch_add(1, std::memory_order_release);
             claim = m_claim.load(std::memory_order_acquire);
         }
@@ -145,7 +151,7 @@ void run(std::size_t count, int threads, std::size_t grain, void *body, Part par
     if (parts > 1)
         parts = std::min(parts, pool().helpers() + 1);
     std::unique_lock lock(pool().busy(), std::defer_lock);
-    if (parts <= 1 || !lock.try_lock()) {
+    if (parts <= 1 || t_inPart || !lock.try_lock()) {
         part(body, 0, count);
         return;
     }
