@@ -69,6 +69,15 @@ public:
         return fused;
     }
 
+    // Query, key and value of a self-attention fused into one {3 · width, width} projection; keys have no bias.
+    Linear selfAttention(const std::string &prefix, int width)
+    {
+        Linear q = linear(prefix + ".query", width, width);
+        Linear k = linear(prefix + ".key", width, width, false);
+        Linear v = linear(prefix + ".value", width, width);
+        return stack({&q, &k, &v});
+    }
+
     // {out, in, 3} → {out, 3 · in} with the tap outermost.
     Linear convolution(const std::string &prefix, int out, int in)
     {
@@ -195,10 +204,7 @@ expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model
         const std::string p = "encoder.blocks." + std::to_string(i) + ".";
         EncoderLayer layer;
         layer.attentionNorm = b.norm(p + "attn_ln", da);
-        Linear q = b.linear(p + "attn.query", da, da);
-        Linear k = b.linear(p + "attn.key", da, da, false);
-        Linear v = b.linear(p + "attn.value", da, da);
-        layer.qkv = Builder::stack({&q, &k, &v});
+        layer.qkv = b.selfAttention(p + "attn", da);
         layer.attentionOut = b.linear(p + "attn.out", da, da);
         layer.mlpNorm = b.norm(p + "mlp_ln", da);
         layer.mlpIn = b.linear(p + "mlp.0", 4 * da, da);
@@ -217,10 +223,7 @@ expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model
         const std::string p = "decoder.blocks." + std::to_string(i) + ".";
         DecoderLayer layer;
         layer.selfNorm = b.norm(p + "attn_ln", dt);
-        Linear q = b.linear(p + "attn.query", dt, dt);
-        Linear k = b.linear(p + "attn.key", dt, dt, false);
-        Linear v = b.linear(p + "attn.value", dt, dt);
-        layer.qkv = Builder::stack({&q, &k, &v});
+        layer.qkv = b.selfAttention(p + "attn", dt);
         layer.selfOut = b.linear(p + "attn.out", dt, dt);
         layer.crossNorm = b.norm(p + "cross_attn_ln", dt);
         layer.crossQuery = b.linear(p + "cross_attn.query", dt, dt);
