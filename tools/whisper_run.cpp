@@ -1,5 +1,6 @@
 // Usage: qm_whisper_run MODEL AUDIO [LANGUAGE] [--threads N] [--profile [--screen]] [--float]
-// MODEL is a ggml file or a CTranslate2 directory; AUDIO anything FFmpeg reads.
+// MODEL is a ggml file, a CTranslate2 directory, or random:tiny|base|small|medium (random weights of that size,
+// for timing a size whose weights aren't at hand; its words mean nothing); AUDIO anything FFmpeg reads.
 
 #include "transcription/whisper/frontend.h"
 #include "transcription/whisper/network.h"
@@ -9,10 +10,82 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 
+#include <algorithm>
+
 #include <cstdio>
 #include <ctime>
+#include <random>
 
 using namespace qm::whisper;
+
+namespace {
+
+// An English-only model of a published size with random weights: the same work per window and per token.
+qm::expected<Model, ModelError> randomModel(const QString &size)
+{
+    struct Size {
+        const char *name;
+        int width, heads, layers;
+    };
+    static constexpr Size sizes[] = {
+        {"tiny", 384, 6, 4}, {"base", 512, 8, 6}, {"small", 768, 12, 12}, {"medium", 1024, 16, 24}};
+    const auto found =
+        std::find_if(std::begin(sizes), std::end(sizes), [&](const Size &s) { return size == QLatin1String(s.name); });
+    if (found == std::end(sizes))
+        return qm::unexpected(ModelError{QStringLiteral("No such model size: %1.").arg(size)});
+    const std::int64_t d = found->width;
+    Model m;
+    m.hparams = {51864, 1500,         found->width, found->heads,  found->layers,
+                 448,   found->width, found->heads, found->layers, 80};
+    for (int t = 0; t < m.hparams.vocabularySize; ++t)
+        m.vocabulary.push_back(std::to_string(t));
+    std::mt19937 random(1);
+    std::normal_distribution<float> noise(0.0f, 0.02f);
+    const auto add = [&](const std::string &name, std::vector<std::int64_t> shape, float fill = -1.0f) {
+        Tensor t{shape, {}};
+        t.values.resize(std::size_t(t.elementCount()));
+        for (float &v : t.values)
+            v = fill >= 0 ? fill : noise(random);
+        m.tensors[name] = std::move(t);
+    };
+    const auto block = [&](const std::string &p, bool cross) {
+        for (const char *name : {"attn", "cross_attn"}) {
+            const std::string attention = name;
+            if (attention == "cross_attn" && !cross)
+                continue;
+            add(p + attention + "_ln.weight", {d}, 1.0f);
+            add(p + attention + "_ln.bias", {d}, 0.0f);
+            for (const char *part : {"query", "key", "value", "out"}) {
+                add(p + attention + "." + part + ".weight", {d, d});
+                if (std::string(part) != "key")
+                    add(p + attention + "." + part + ".bias", {d});
+            }
+        }
+        add(p + "mlp_ln.weight", {d}, 1.0f);
+        add(p + "mlp_ln.bias", {d}, 0.0f);
+        add(p + "mlp.0.weight", {4 * d, d});
+        add(p + "mlp.0.bias", {4 * d});
+        add(p + "mlp.2.weight", {d, 4 * d});
+        add(p + "mlp.2.bias", {d});
+    };
+    add("encoder.conv1.weight", {d, 80, 3});
+    add("encoder.conv1.bias", {d});
+    add("encoder.conv2.weight", {d, d, 3});
+    add("encoder.conv2.bias", {d});
+    for (int i = 0; i < found->layers; ++i)
+        block("encoder.blocks." + std::to_string(i) + ".", false);
+    add("encoder.ln_post.weight", {d}, 1.0f);
+    add("encoder.ln_post.bias", {d}, 0.0f);
+    add("decoder.token_embedding.weight", {m.hparams.vocabularySize, d});
+    add("decoder.positional_embedding", {448, d});
+    for (int i = 0; i < found->layers; ++i)
+        block("decoder.blocks." + std::to_string(i) + ".", true);
+    add("decoder.ln.weight", {d}, 1.0f);
+    add("decoder.ln.bias", {d}, 0.0f);
+    return m;
+}
+
+} // namespace
 
 int main(int argc, char **argv)
 {
@@ -24,7 +97,8 @@ int main(int argc, char **argv)
     }
     QElapsedTimer clock;
     clock.start();
-    auto model = loadModel(args.at(1));
+    auto model =
+        args.at(1).startsWith(QLatin1String("random:")) ? randomModel(args.at(1).mid(7)) : loadModel(args.at(1));
     if (!model) {
         std::fprintf(stderr, "%s\n", qPrintable(model.error().reason));
         return 1;
@@ -65,6 +139,17 @@ int main(int argc, char **argv)
         const std::vector<int> suppressed = nonSpeechTokens((*network)->vocabulary());
         if (args.contains(QStringLiteral("--screen")))
             session.screenText(std::vector<char>(std::size_t(s.endOfText), 1));
+        if (args.at(1).startsWith(QLatin1String("random:"))) {
+            // Random weights end a window at no particular token: time a fixed run of single-token steps.
+            std::vector<float> logits(std::size_t((*network)->hparams().vocabularySize));
+            const std::vector<int> start{s.startOfTranscript}, row{0};
+            session.decode(start, row, logits.data());
+            clock.restart();
+            for (int i = 0; i < 100; ++i)
+                session.decode(std::vector<int>{220 + i}, row, logits.data(), 0);
+            std::fprintf(stderr, "decode %.2f ms a token\n", double(clock.nsecsElapsed()) / 1e6 / 100);
+            return 0;
+        }
         clock.restart();
         const WindowResult r = decodeWindow(session, {}, s.firstLanguage, 0.0, suppressed, 0);
         const double decodeSeconds = double(clock.nsecsElapsed()) / 1e9;
