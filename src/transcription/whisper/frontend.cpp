@@ -88,6 +88,9 @@ LogMel logMelSpectrogram(std::span<const float> samples, std::span<const float> 
     mel.frames = std::int64_t(samples.size()) / kHop;
     const std::int64_t total = count / kHop;
     mel.values.resize(std::size_t(total) * std::size_t(bins));
+    mel.peaks.assign(std::size_t(mel.frames), 0.0f);
+    for (std::size_t i = 0; i < std::size_t(mel.frames) * kHop; ++i)
+        mel.peaks[i / kHop] = std::max(mel.peaks[i / kHop], std::fabs(samples[i]));
 
     const std::vector<float> basis = fourierBasis();
     std::vector<float> frames(std::size_t(kChunkFrames) * kFftSize);

@@ -22,6 +22,7 @@ struct LogMel {
     int bins = 0;
     std::int64_t frames = 0;
     std::vector<float> values; // (frames + kWindowFrames) × bins
+    std::vector<float> peaks;  // `frames` values: the loudest |sample| among each frame's 160 new samples
 
     const float *frame(std::int64_t index) const { return values.data() + index * bins; }
 };

@@ -107,6 +107,12 @@ WindowResult decodeWindow(Session &session, std::span<const int> prompt, int lan
 Transcription transcribe(Session &session, std::span<const float> samples, const TranscribeOptions &options)
 {
     const Network &net = session.network();
+    return transcribe(session, logMelSpectrogram(samples, net.melFilters(), net.hparams().melBins), options);
+}
+
+Transcription transcribe(Session &session, const LogMel &mel, const TranscribeOptions &options)
+{
+    const Network &net = session.network();
     const SpecialTokens s = SpecialTokens::forVocabularySize(net.hparams().vocabularySize);
     const std::vector<int> suppressed = [&] {
         std::vector<int> list = nonSpeechTokens(net.vocabulary());
@@ -114,7 +120,6 @@ Transcription transcribe(Session &session, std::span<const float> samples, const
             list.push_back(t);
         return list;
     }();
-    const LogMel mel = logMelSpectrogram(samples, net.melFilters(), net.hparams().melBins);
     std::vector<char> allowedText(std::size_t(s.endOfText), 1);
     for (int token : suppressed)
         if (token >= 0 && token < s.endOfText)
@@ -140,12 +145,8 @@ Transcription transcribe(Session &session, std::span<const float> samples, const
         const int frames = int(std::min<std::int64_t>(kWindowFrames, mel.frames - seek));
         const double offset = double(seek) / 100.0;
 
-        const std::size_t firstSample = std::size_t(seek) * kHop;
-        const std::size_t sampleCount = std::min(samples.size() - firstSample, std::size_t(frames) * kHop);
-        float peak = 0;
-        for (std::size_t i = firstSample; i < firstSample + sampleCount; ++i)
-            peak = std::max(peak, std::fabs(samples[i]));
-        if (peak < kSilentPeak) {
+        const auto peaks = mel.peaks.begin() + seek;
+        if (*std::max_element(peaks, peaks + frames) < kSilentPeak) {
             seek += frames;
             if (options.progress)
                 options.progress(double(seek) / double(mel.frames));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "transcription/whisper/decoding.h"
+#include "transcription/whisper/frontend.h"
 #include "transcription/whisper/network.h"
 
 #include <QString>
@@ -37,6 +38,9 @@ struct Transcription {
 // by the last complete timestamp. Windows without sound and windows the model judges silent give nothing.
 // Blocks the calling thread; the network uses as many threads as the processor has cores.
 Transcription transcribe(Session &session, std::span<const float> samples, const TranscribeOptions &options);
+// The same from the recording's spectrogram (logMelSpectrogram with the network's filters), for callers that free
+// the samples first: an hour of them is about 230 MB, the spectrogram half that.
+Transcription transcribe(Session &session, const LogMel &mel, const TranscribeOptions &options);
 
 // Decodes the window already encoded in `session` at `temperature`, after `prompt` (earlier tokens, of which
 // the last 223 are used). The start sequence is [start of transcript, language, transcribe], or

@@ -129,10 +129,13 @@ QCoro::Task<SegmentsResult> WhisperEngine::transcribe(EngineRequest request, Pro
     options.language = language;
     options.cancel = stop.get();
     options.progress = report;
-    QFuture<whisper::Transcription> running =
-        QtConcurrent::run([network = prepared->network, samples = std::move(prepared->samples), options, stop] {
+    QFuture<whisper::Transcription> running = QtConcurrent::run(
+        [network = prepared->network, samples = std::move(prepared->samples), options, stop]() mutable {
+            const whisper::LogMel mel =
+                whisper::logMelSpectrogram(samples, network->melFilters(), network->hparams().melBins);
+            samples = {}; // the spectrogram is all inference needs; long recordings keep half the memory
             whisper::Session session(network);
-            return whisper::transcribe(session, samples, options);
+            return whisper::transcribe(session, mel, options);
         });
     const whisper::Transcription result = co_await running;
     if (stop->load() || result.cancelled)
