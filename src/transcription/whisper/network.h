@@ -55,7 +55,8 @@ struct DecoderLayer {
 class Network {
 public:
     // Consumes `model`. A missing weight or one of the wrong shape is an error naming it. With `eightBit`, on a
-    // processor that has the instructions, the encoder and the cross-attention keys and values use 8-bit products.
+    // processor that has the instructions (eightbit::available()), the encoder's projections, the cross-attention
+    // keys and values and the decoder's per-token products use 8-bit weights.
     static expected<std::shared_ptr<const Network>, ModelError> create(Model model, bool eightBit = true);
 
     const Hyperparameters &hparams() const { return m_hparams; }
