@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 
 // The per-row scaling loops are built for several instruction sets, like the network's element-wise kernels.
 #if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__)
@@ -65,20 +64,20 @@ QM_VECTOR_CLONES void addScaled(const std::int32_t *sums, std::size_t count, Ran
         y[i] += (float(sums[i]) * range.step + float(weightSums[i]) * range.low) * scales[i];
 }
 
-void productsOf(const std::uint8_t *codes, std::size_t rows, const Matrix &weight, std::int32_t *sums)
+void productsOf(const std::uint8_t *codes, std::size_t rows, const kernels::QuantizedRows &weight, std::int32_t *sums)
 {
     const std::int32_t noOffset = 0;
-    dnnl_gemm_u8s8s32('N', 'T', 'F', dnnl_dim_t(rows), dnnl_dim_t(weight.out), dnnl_dim_t(weight.in), 1.0f, codes,
-                      dnnl_dim_t(weight.in), 0, weight.codes.data(), dnnl_dim_t(weight.in), 0, 0.0f, sums,
-                      dnnl_dim_t(weight.out), &noOffset);
+    const auto out = dnnl_dim_t(weight.rows), in = dnnl_dim_t(weight.columns);
+    dnnl_gemm_u8s8s32('N', 'T', 'F', dnnl_dim_t(rows), out, in, 1.0f, codes, in, 0, weight.codes.data(), in, 0, 0.0f,
+                      sums, out, &noOffset);
 }
 
 // One tiny product with a known answer: a library that can't run here must not be trusted with a window.
 bool selfCheck()
 {
-    Matrix m;
+    kernels::QuantizedRows m;
     m.codes = {5, -7, 1, 2};
-    m.out = m.in = 2;
+    m.rows = m.columns = 2;
     const std::uint8_t codes[2] = {203, 2};
     std::int32_t sums[2] = {};
     productsOf(codes, 1, m, sums);
@@ -98,31 +97,13 @@ bool available()
 #endif
 }
 
-Matrix quantize(const std::vector<float> &weight, int out, int in)
-{
-    Matrix m;
-    m.out = out;
-    m.in = in;
-    const std::size_t columns = std::size_t(in);
-    m.codes.resize(std::size_t(out) * columns);
-    m.scales.resize(std::size_t(out));
-    m.sums.resize(std::size_t(out));
-    for (std::size_t r = 0; r < std::size_t(out); ++r) {
-        const float *row = weight.data() + r * columns;
-        std::int8_t *codes = m.codes.data() + r * columns;
-        m.scales[r] = kernels::roundToCodes(row, columns, codes);
-        m.sums[r] = std::accumulate(codes, codes + columns, std::int32_t(0));
-    }
-    return m;
-}
-
-void accumulate(const float *x, std::size_t rows, const Matrix &weight, float *y)
+void accumulate(const float *x, std::size_t rows, const kernels::QuantizedRows &weight, float *y)
 {
     // The library would otherwise start its own team of threads inside each of ours.
     thread_local const bool single = (omp_set_num_threads(1), true);
     (void)single;
 
-    const std::size_t in = std::size_t(weight.in), out = std::size_t(weight.out);
+    const std::size_t in = weight.columns, out = weight.rows;
     thread_local std::vector<std::uint8_t> codes;
     thread_local std::vector<Range> ranges;
     thread_local std::vector<std::int32_t> sums;

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "transcription/whisper/kernels.h"
+
 #include <cstddef>
-#include <cstdint>
-#include <vector>
 
 // Products of many inputs at once with a weight held in 8 bits. On processors with 8-bit dot-product
 // instructions (VNNI) they run about three times as fast as in single precision, and transcripts come out as
@@ -13,20 +13,8 @@ namespace qm::whisper::eightbit {
 // keep single precision there.
 bool available();
 
-// A weight {out, in} row-major, each output row scaled to ±127 on its own.
-struct Matrix {
-    std::vector<std::int8_t> codes;
-    std::vector<float> scales;
-    std::vector<std::int32_t> sums; // of each row's codes
-    int out = 0;
-    int in = 0;
-
-    bool empty() const { return codes.empty(); }
-};
-Matrix quantize(const std::vector<float> &weight, int out, int in);
-
-// y[r] ← y[r] + W·x[r] for each of `rows` inputs of `in` floats, each input mapped to 8 bits over its own range.
-// Runs on the calling thread only; callers split rows across threads.
-void accumulate(const float *x, std::size_t rows, const Matrix &weight, float *y);
+// y[r] ← y[r] + W·x[r] for each of `rows` inputs of `weight.columns` floats, W {out, in} row-major in `weight`; each
+// input mapped to 8 bits over its own range. Runs on the calling thread only; callers split rows across threads.
+void accumulate(const float *x, std::size_t rows, const kernels::QuantizedRows &weight, float *y);
 
 } // namespace qm::whisper::eightbit

@@ -6,6 +6,7 @@
 #include <bit>
 #include <cmath>
 #include <limits>
+#include <numeric>
 #include <vector>
 
 // One copy per instruction set, chosen at load time: the loops below are written so the compiler can
@@ -282,7 +283,10 @@ void gemvHalf(const std::uint16_t *weights, const float *x, float *y, std::size_
     chosen(weights, x, y, rows, columns, accumulate);
 }
 
-QuantizedRows quantizeRows(const std::uint16_t *halfRows, std::size_t rows, std::size_t columns)
+namespace {
+
+// Reads row r into `row` (single precision) on request, so either source shares the coding below.
+template <typename ReadRow> QuantizedRows quantizeRowsFrom(std::size_t rows, std::size_t columns, ReadRow readRow)
 {
     QuantizedRows q;
     q.rows = rows;
@@ -290,16 +294,34 @@ QuantizedRows quantizeRows(const std::uint16_t *halfRows, std::size_t rows, std:
     q.codes.resize(rows * columns);
     q.scales.resize(rows);
     q.absoluteSums.resize(rows);
-    std::vector<float> row(columns);
+    q.sums.resize(rows);
+    std::vector<float> buffer(columns);
     for (std::size_t r = 0; r < rows; ++r) {
-        halfToFloat(halfRows + r * columns, row.data(), columns);
+        const float *row = readRow(r, buffer.data());
         float sum = 0;
-        for (float v : row)
-            sum += std::fabs(v);
-        q.scales[r] = roundToCodes(row.data(), columns, q.codes.data() + r * columns);
+        for (std::size_t i = 0; i < columns; ++i)
+            sum += std::fabs(row[i]);
+        std::int8_t *codes = q.codes.data() + r * columns;
+        q.scales[r] = roundToCodes(row, columns, codes);
         q.absoluteSums[r] = sum;
+        q.sums[r] = std::accumulate(codes, codes + columns, std::int32_t(0));
     }
     return q;
+}
+
+} // namespace
+
+QuantizedRows quantizeRows(const std::uint16_t *halfRows, std::size_t rows, std::size_t columns)
+{
+    return quantizeRowsFrom(rows, columns, [&](std::size_t r, float *buffer) {
+        halfToFloat(halfRows + r * columns, buffer, columns);
+        return static_cast<const float *>(buffer);
+    });
+}
+
+QuantizedRows quantizeRows(const float *rows, std::size_t rowCount, std::size_t columns)
+{
+    return quantizeRowsFrom(rowCount, columns, [&](std::size_t r, float *) { return rows + r * columns; });
 }
 
 namespace {

@@ -23,15 +23,20 @@ void toHalf(const float *values, std::uint16_t *out, std::size_t count);
 void gemvHalf(const std::uint16_t *weights, const float *x, float *y, std::size_t rows, std::size_t columns,
               bool accumulate);
 
-// Rows quantized to 8 bits for a quick first look at many products: row r ≈ scales[r] · codes[r].
+// A matrix's rows in 8 bits, each scaled to ±127 on its own: row r ≈ scales[r] · codes[r]. The same rows
+// serve products with one input here and with many (eightbit::accumulate).
 struct QuantizedRows {
     std::vector<std::int8_t> codes;
     std::vector<float> scales;
     std::vector<float> absoluteSums; // Σ|w| of each original row, for error bounds
+    std::vector<std::int32_t> sums;  // Σ codes of each row
     std::size_t rows = 0;
     std::size_t columns = 0;
+
+    bool empty() const { return rows == 0; }
 };
 QuantizedRows quantizeRows(const std::uint16_t *halfRows, std::size_t rows, std::size_t columns);
+QuantizedRows quantizeRows(const float *rows, std::size_t rowCount, std::size_t columns);
 
 // estimate[r] ≈ row r · x, and error[r] bounds |estimate[r] − row r · x| for the original (half) rows, for the
 // rows in [first, last).

@@ -1,5 +1,6 @@
 #include "transcription/whisper/network.h"
 
+#include "transcription/whisper/eightbit.h"
 #include "transcription/whisper/frontend.h"
 #include "transcription/whisper/kernels.h"
 #include "transcription/whisper/tokens.h"
@@ -49,7 +50,7 @@ public:
 
     Linear linear(const std::string &prefix, int out, int in, bool biased = true)
     {
-        Linear l{take(prefix + ".weight", {out, in}), take(prefix + ".bias", {out}, !biased), out, in, {}, {}, {}};
+        Linear l{take(prefix + ".weight", {out, in}), take(prefix + ".bias", {out}, !biased), out, in, {}, {}};
         if (l.bias.empty())
             l.bias.assign(std::size_t(out), 0.0f);
         return l;
@@ -87,7 +88,6 @@ public:
                  out,
                  3 * in,
                  {},
-                 {},
                  {}};
         if (kernel.empty() || l.bias.empty())
             return l;
@@ -114,14 +114,14 @@ void linear(const float *x, int rows, const Linear &l, float *y, int threads)
 {
     kernels::broadcastRows(y, l.bias.data(), std::size_t(rows), std::size_t(l.out));
     const std::size_t in = std::size_t(l.in), out = std::size_t(l.out);
-    if (!l.eightBit.empty())
+    if (rows > 1 && !l.rows.empty())
         workers::parallelFor(
             std::size_t(rows), threads,
             [&](std::size_t begin, std::size_t end) {
-                eightbit::accumulate(x + begin * in, end - begin, l.eightBit, y + begin * out);
+                eightbit::accumulate(x + begin * in, end - begin, l.rows, y + begin * out);
             },
             kRowGrain);
-    else if (rows == 1 && l.rows.rows > 0)
+    else if (!l.rows.empty())
         workers::parallelFor(
             std::size_t(l.out), threads,
             [&](std::size_t begin, std::size_t end) { kernels::gemvEightBit(l.rows, x, y, begin, end); }, kRowGrain);
@@ -242,24 +242,21 @@ expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model
     if (!b.error().isEmpty())
         return refuse(b.error());
     // The second convolution stays in single precision: its inputs have outliers that cost the small models
-    // words in 8 bits, and it is a small share of the work. The decoder's per-token products keep 8-bit weights
-    // too, but with finer inputs (see kernels::gemvEightBit).
+    // words in 8 bits, and it is a small share of the work. One input at a time (a decoding step) keeps 14 bits
+    // of it (kernels::gemvEightBit); many at once are mapped to 8 bits (eightbit::accumulate).
     if (eightBit && eightbit::available()) {
         const auto toEightBit = [](Linear &l) {
-            l.eightBit = eightbit::quantize(l.weight, l.out, l.in);
+            l.rows = kernels::quantizeRows(l.weight.data(), std::size_t(l.out), std::size_t(l.in));
             l.weight = {};
+            l.half = {};
         };
         for (EncoderLayer &layer : net->m_encoder)
             for (Linear *l : {&layer.qkv, &layer.attentionOut, &layer.mlpIn, &layer.mlpOut})
                 toEightBit(*l);
-        for (DecoderLayer &layer : net->m_decoder) {
-            toEightBit(layer.crossKeyValue);
-            for (Linear *l :
-                 {&layer.qkv, &layer.selfOut, &layer.crossQuery, &layer.crossOut, &layer.mlpIn, &layer.mlpOut}) {
-                l->rows = kernels::quantizeRows(l->half.data(), std::size_t(l->out), std::size_t(l->in));
-                l->half = {};
-            }
-        }
+        for (DecoderLayer &layer : net->m_decoder)
+            for (Linear *l : {&layer.qkv, &layer.selfOut, &layer.crossQuery, &layer.crossKeyValue, &layer.crossOut,
+                              &layer.mlpIn, &layer.mlpOut})
+                toEightBit(*l);
     }
     return std::shared_ptr<const Network>(std::move(net));
 }

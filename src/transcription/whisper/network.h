@@ -1,7 +1,6 @@
 #pragma once
 
 #include "library/result.h"
-#include "transcription/whisper/eightbit.h"
 #include "transcription/whisper/kernels.h"
 #include "transcription/whisper/whispermodel.h"
 
@@ -19,8 +18,7 @@ struct Linear {
     int out = 0;
     int in = 0;
     std::vector<std::uint16_t> half; // the weight in half precision, for one input at a time; may be empty
-    eightbit::Matrix eightBit;       // the weight in 8 bits, for many inputs at once; `weight` is then empty
-    kernels::QuantizedRows rows;     // the weight in 8 bits, for one input at a time; `half` is then empty
+    kernels::QuantizedRows rows;     // the weight in 8 bits; `weight` and `half` are then empty
 };
 
 struct Norm {

@@ -1,3 +1,4 @@
+#include "transcription/whisper/eightbit.h"
 #include "transcription/whisper/frontend.h"
 #include "transcription/whisper/kernels.h"
 #include "transcription/whisper/network.h"
@@ -276,7 +277,8 @@ private Q_SLOTS:
         for (std::size_t i = 0; i < x.size(); ++i)
             x[i] = float(std::cos(double(i) * 0.9)) * (i / std::size_t(in) % 3 == 0 ? 50.0f : 0.5f);
         std::vector<float> y(std::size_t(inputs * out), 1.0f);
-        eightbit::accumulate(x.data(), std::size_t(inputs), eightbit::quantize(weight, out, in), y.data());
+        eightbit::accumulate(x.data(), std::size_t(inputs),
+                             kernels::quantizeRows(weight.data(), std::size_t(out), std::size_t(in)), y.data());
         for (int r = 0; r < inputs; ++r)
             for (int o = 0; o < out; ++o) {
                 double exact = 1.0, size = 0;
