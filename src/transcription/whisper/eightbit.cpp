@@ -72,16 +72,18 @@ void productsOf(const std::uint8_t *codes, std::size_t rows, const kernels::Quan
                       sums, out, &noOffset);
 }
 
-// One tiny product with a known answer: a library that can't run here must not be trusted with a window.
+// Small products with known answers: a library that can't run here must not be trusted with a window. The
+// second saturates 16-bit pair sums (255·127 twice), which 8-bit paths without VNNI use.
 bool selfCheck()
 {
     kernels::QuantizedRows m;
-    m.codes = {5, -7, 1, 2};
+    m.codes = {5, -7, 127, 127};
     m.rows = m.columns = 2;
-    const std::uint8_t codes[2] = {203, 2};
-    std::int32_t sums[2] = {};
-    productsOf(codes, 1, m, sums);
-    return sums[0] == 203 * 5 + 2 * -7 && sums[1] == 203 * 1 + 2 * 2;
+    const std::uint8_t codes[4] = {203, 2, 255, 255};
+    std::int32_t sums[4] = {};
+    productsOf(codes, 2, m, sums);
+    return sums[0] == 203 * 5 + 2 * -7 && sums[1] == 203 * 127 + 2 * 127 && sums[2] == 255 * 5 + 255 * -7 &&
+           sums[3] == 2 * 255 * 127;
 }
 
 } // namespace

@@ -293,6 +293,15 @@ private Q_SLOTS:
             }
     }
 
+    // Run a second time with oneDNN held below VNNI (see CMakeLists.txt): its 8-bit path then saturates, and the
+    // engine must notice and keep single precision.
+    void eightBitIsRefusedWhereTheLibraryWouldSaturate()
+    {
+        if (qEnvironmentVariable("ONEDNN_MAX_CPU_ISA") != QLatin1String("AVX2"))
+            QSKIP("runs with ONEDNN_MAX_CPU_ISA=AVX2");
+        QVERIFY(!eightbit::available());
+    }
+
     // The same window through 8-bit and single-precision products, and through one and two threads, must
     // give the same logits up to the 8-bit rounding: a wrong scale, offset or split shows up as noise.
     void productsAgreeAcrossPrecisionsAndThreads()
