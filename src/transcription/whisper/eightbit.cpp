@@ -1,19 +1,13 @@
 #include "transcription/whisper/eightbit.h"
 
 #include "transcription/whisper/kernels.h"
+#include "transcription/whisper/vectorclones.h"
 
 #include <dnnl.h>
 #include <omp.h>
 
 #include <algorithm>
 #include <cmath>
-
-// The per-row scaling loops are built for several instruction sets, like the network's element-wise kernels.
-#if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__)
-#define QM_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
-#else
-#define QM_VECTOR_CLONES
-#endif
 
 namespace qm::whisper::eightbit {
 

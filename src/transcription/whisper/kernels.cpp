@@ -1,5 +1,7 @@
 #include "transcription/whisper/kernels.h"
 
+#include "transcription/whisper/vectorclones.h"
+
 #include <immintrin.h>
 
 #include <algorithm>
@@ -8,14 +10,6 @@
 #include <limits>
 #include <numeric>
 #include <vector>
-
-// One copy per instruction set, chosen at load time: the loops below are written so the compiler can
-// vectorise them, and AVX-512 or AVX2 makes the softmax and GELU of the encoder several times cheaper.
-#if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__)
-#define QM_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
-#else
-#define QM_VECTOR_CLONES
-#endif
 
 namespace qm::whisper::kernels {
 
@@ -122,6 +116,23 @@ void scaledSoftmax(float *row, std::size_t count, float scale)
     }
     const float sum = expShiftSum(row, count, scale, top);
     multiply(row, count, 1.0f / sum);
+}
+
+// Round half away from zero, in a form the compiler vectorises.
+QM_VECTOR_CLONES void roundToBytes(const float *x, std::size_t count, float inverse, std::int8_t *codes)
+{
+    for (std::size_t i = 0; i < count; ++i) {
+        const float v = x[i] * inverse;
+        codes[i] = std::int8_t(v + (v >= 0 ? 0.5f : -0.5f));
+    }
+}
+
+QM_VECTOR_CLONES void roundToShorts(const float *x, std::size_t count, float inverse, std::int16_t *codes)
+{
+    for (std::size_t i = 0; i < count; ++i) {
+        const float v = x[i] * inverse;
+        codes[i] = std::int16_t(v + (v >= 0 ? 0.5f : -0.5f));
+    }
 }
 
 } // namespace
@@ -399,8 +410,7 @@ float quantizedDots(const QuantizedRows &rows, const float *x, std::size_t first
     thread_local std::vector<std::int16_t> codes;
     codes.resize(columns);
     dots.resize(last - first);
-    for (std::size_t i = 0; i < columns; ++i)
-        codes[i] = std::int16_t(std::lround(x[i] / scale));
+    roundToShorts(x, columns, 1.0f / scale, codes.data());
 
     using Dots = void (*)(const std::int8_t *, const std::int16_t *, std::int32_t *, std::size_t, std::size_t);
     static const Dots chosen = []() -> Dots {
@@ -523,24 +533,11 @@ QM_VECTOR_CLONES float shiftedExpSum(const float *x, std::size_t count, float sh
 
 } // namespace
 
-namespace {
-
-// Rounds half away from zero, in a form the compiler vectorises.
-QM_VECTOR_CLONES void roundToCodes(const float *x, std::size_t count, float inverse, std::int8_t *codes)
-{
-    for (std::size_t i = 0; i < count; ++i) {
-        const float v = x[i] * inverse;
-        codes[i] = std::int8_t(v + (v >= 0 ? 0.5f : -0.5f));
-    }
-}
-
-} // namespace
-
 float roundToCodes(const float *x, std::size_t count, std::int8_t *codes)
 {
     const float largest = absoluteMax(x, count);
     const float scale = largest > 0 ? largest / 127.0f : 1.0f;
-    roundToCodes(x, count, 1.0f / scale, codes);
+    roundToBytes(x, count, 1.0f / scale, codes);
     return scale;
 }
 
