@@ -4,6 +4,7 @@
 #include "app/appsettings.h"
 #include "app/keychain.h"
 #include "app/livecapture.h"
+#include "app/updater.h"
 #include "capture/mediaprocessor.h"
 #include "capture/proc/zoomprocesses.h"
 #include "capture/x11/x11screensource.h"
@@ -92,6 +93,8 @@ Application::Application(Options options, QObject *parent)
         .muteObserver = m_muteObserver.get(),
         .screens = screens,
     });
+    m_updater = std::make_unique<Updater>(*m_settings, *m_network, *m_notifier,
+                                          options.checkForUpdates ? Updater::defaultFeed() : QUrl());
 }
 
 Application::~Application() = default;

@@ -19,6 +19,7 @@ class Permissions;
 class RecordingStore;
 class ScreenSource;
 class TranscriptionService;
+class Updater;
 class ZoomMonitor;
 class ZoomMuteObserver;
 class ZoomPrompt;
@@ -32,6 +33,8 @@ struct ApplicationOptions {
     ZoomPrompt::ViewFactory promptViews;
     // Whether this run follows Zoom meetings (start, stop, prompt). A short command-line run doesn't.
     bool watchZoom = true;
+    // Whether this run checks the release feed (the desktop program does; a command doesn't).
+    bool checkForUpdates = false;
 };
 
 // Builds the program's long-lived services once, in start-up order, picks the Linux implementations, and owns
@@ -51,6 +54,9 @@ public:
     RecordingStore &store() { return *m_store; }
     AppController &controller() { return *m_controller; }
     whisper::ModelLibrary &models() { return *m_models; }
+    Permissions &permissions() { return *m_permissions; }
+    Notifier &notifier() { return *m_notifier; }
+    Updater &updater() { return *m_updater; }
 
 private:
     std::unique_ptr<Keychain> m_keychain;
@@ -67,6 +73,7 @@ private:
     std::unique_ptr<ScreenSource> m_screens;
     std::unique_ptr<ZoomPrompt> m_prompt;
     std::unique_ptr<AppController> m_controller;
+    std::unique_ptr<Updater> m_updater;
 };
 
 } // namespace qm

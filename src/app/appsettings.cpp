@@ -22,6 +22,7 @@ const QHash<QString, QVariant> &registeredDefaults()
         {QStringLiteral("videoFrameRate"), 15},         {QStringLiteral("autoTranscribe"), true},
         {QStringLiteral("detectSpeakers"), true},       {QStringLiteral("labelMyVoice"), true},
         {QStringLiteral("driveIncludeMedia"), true},    {QStringLiteral("driveIncludeTranscript"), true},
+        {QStringLiteral("automaticallyChecksForUpdates"), true},
     };
     return defaults;
 }
@@ -155,6 +156,7 @@ void AppSettings::load()
     m_driveSubfolder = in.text("driveSubfolder", QStringLiteral("Quillmoor"));
     m_driveIncludeMedia = in.flag("driveIncludeMedia", false);
     m_driveIncludeTranscript = in.flag("driveIncludeTranscript", false);
+    m_automaticallyChecksForUpdates = in.flag("automaticallyChecksForUpdates", false);
 }
 
 template <class T, class Stored>
@@ -195,6 +197,7 @@ QM_TEXT_SETTER(setSaveFolderPath, m_saveFolderPath, saveFolderPath)
 QM_CHOICE_SETTER(setZoomStartMode, ZoomStartMode, m_zoomStartMode, zoomStartMode)
 QM_FLAG_SETTER(setAutoStopWhenZoomEnds, m_autoStopWhenZoomEnds, autoStopWhenZoomEnds)
 QM_FLAG_SETTER(setShowTimerInMenuBar, m_showTimerInMenuBar, showTimerInMenuBar)
+QM_FLAG_SETTER(setAutomaticallyChecksForUpdates, m_automaticallyChecksForUpdates, automaticallyChecksForUpdates)
 QM_CHOICE_SETTER(setCaptureFormat, CaptureFormat, m_captureFormat, captureFormat)
 QM_CHOICE_SETTER(setAudioQuality, AudioQuality, m_audioQuality, audioQuality)
 QM_TEXT_SETTER(setMicrophoneID, m_microphoneID, microphoneID)

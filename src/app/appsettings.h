@@ -50,6 +50,8 @@ class AppSettings : public QObject {
     Q_PROPERTY(bool driveIncludeMedia READ driveIncludeMedia WRITE setDriveIncludeMedia NOTIFY driveIncludeMediaChanged)
     Q_PROPERTY(bool driveIncludeTranscript READ driveIncludeTranscript WRITE setDriveIncludeTranscript NOTIFY
                    driveIncludeTranscriptChanged)
+    Q_PROPERTY(bool automaticallyChecksForUpdates READ automaticallyChecksForUpdates WRITE
+                   setAutomaticallyChecksForUpdates NOTIFY automaticallyChecksForUpdatesChanged)
     Q_PROPERTY(bool keyringAvailable READ keyringAvailable NOTIFY keyringAvailableChanged)
 
 public:
@@ -86,6 +88,7 @@ public:
     QString driveSubfolder() const { return m_driveSubfolder; }
     bool driveIncludeMedia() const { return m_driveIncludeMedia; }
     bool driveIncludeTranscript() const { return m_driveIncludeTranscript; }
+    bool automaticallyChecksForUpdates() const { return m_automaticallyChecksForUpdates; }
     bool keyringAvailable() const;
 
     void setSaveFolderPath(const QString &value);
@@ -111,6 +114,7 @@ public:
     void setDriveSubfolder(const QString &value);
     void setDriveIncludeMedia(bool value);
     void setDriveIncludeTranscript(bool value);
+    void setAutomaticallyChecksForUpdates(bool value);
 
     // The model to request from `provider`: the user's choice without surrounding blanks, else the built-in one.
     QString model(TranscriptionProvider provider) const;
@@ -149,6 +153,7 @@ Q_SIGNALS:
     void driveSubfolderChanged();
     void driveIncludeMediaChanged();
     void driveIncludeTranscriptChanged();
+    void automaticallyChecksForUpdatesChanged();
     void keyringAvailableChanged();
 
 private:
@@ -183,6 +188,7 @@ private:
     QString m_driveSubfolder;
     bool m_driveIncludeMedia = true;
     bool m_driveIncludeTranscript = true;
+    bool m_automaticallyChecksForUpdates = true;
 };
 
 } // namespace qm

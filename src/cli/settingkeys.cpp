@@ -96,6 +96,8 @@ const QList<Entry> &entries()
             choice<ZoomStartMode>("zoomStartMode", &S::zoomStartMode, &S::setZoomStartMode),
             flag("autoStopWhenZoomEnds", &S::autoStopWhenZoomEnds, &S::setAutoStopWhenZoomEnds),
             flag("showTimerInMenuBar", &S::showTimerInMenuBar, &S::setShowTimerInMenuBar),
+            flag("automaticallyChecksForUpdates", &S::automaticallyChecksForUpdates,
+                 &S::setAutomaticallyChecksForUpdates),
             choice<CaptureFormat>("captureFormat", &S::captureFormat, &S::setCaptureFormat),
             choice<AudioQuality>("audioQuality", &S::audioQuality, &S::setAudioQuality),
             text("microphoneID", &S::microphoneID, &S::setMicrophoneID),

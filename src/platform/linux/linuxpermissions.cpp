@@ -90,12 +90,12 @@ void LinuxPermissionSources::notifications(std::function<void(PermissionStatus)>
     QDBusMessage owned = busCall(QStringLiteral("NameHasOwner"));
     owned << m_services.notifications;
     QDBusMessage activatable = busCall(QStringLiteral("ListActivatableNames"));
-    auto *ownerWatcher = new QDBusPendingCallWatcher(m_bus.asyncCall(owned, dbusTimeoutMs));
-    auto *activatableWatcher = new QDBusPendingCallWatcher(m_bus.asyncCall(activatable, dbusTimeoutMs));
-    std::weak_ptr<int> alive = m_alive;
+    auto *ownerWatcher = new QDBusPendingCallWatcher(m_bus.asyncCall(owned, dbusTimeoutMs), m_pending.get());
+    auto *activatableWatcher =
+        new QDBusPendingCallWatcher(m_bus.asyncCall(activatable, dbusTimeoutMs), m_pending.get());
     const QString name = m_services.notifications;
     // Answers once both replies are in; either one saying "there is a server" grants.
-    auto answer = [alive, ownerWatcher, activatableWatcher, name, then = std::move(then), answered = false]() mutable {
+    auto answer = [ownerWatcher, activatableWatcher, name, then = std::move(then), answered = false]() mutable {
         if (answered || !ownerWatcher->isFinished() || !activatableWatcher->isFinished())
             return;
         answered = true;
@@ -105,8 +105,7 @@ void LinuxPermissionSources::notifications(std::function<void(PermissionStatus)>
                              (!activatableReply.isError() && activatableReply.value().contains(name));
         ownerWatcher->deleteLater();
         activatableWatcher->deleteLater();
-        if (!alive.expired())
-            then(present ? PermissionStatus::granted : PermissionStatus::denied);
+        then(present ? PermissionStatus::granted : PermissionStatus::denied);
     };
     auto shared = std::make_shared<decltype(answer)>(std::move(answer));
     QObject::connect(ownerWatcher, &QDBusPendingCallWatcher::finished, ownerWatcher, [shared] { (*shared)(); });

@@ -50,7 +50,9 @@ private:
     QDBusConnection m_bus;
     PermissionServices m_services;
     GnomeMicrophonePrivacy m_privacy;
-    std::shared_ptr<int> m_alive = std::make_shared<int>(0);
+    // Parent of the reply watchers still waiting; a status asked for just before the sources go away is then
+    // dropped with them instead of outliving its caller.
+    std::unique_ptr<QObject> m_pending = std::make_unique<QObject>();
 };
 
 // The autostart entry's path.
