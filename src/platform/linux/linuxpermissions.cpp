@@ -143,9 +143,10 @@ expected<void, QString> LinuxPermissionSources::setLaunchAtLogin(bool on)
     if (!file.open(QIODevice::WriteOnly))
         return unexpected(file.errorString());
     // QSettings would escape the spaces and semicolons that desktop entries keep as they are.
-    const QString text = QStringLiteral("[Desktop Entry]\nType=Application\nName=Quillmoor\nExec=\"") +
-                         QCoreApplication::applicationFilePath() +
-                         QStringLiteral("\"\nIcon=quillmoor\nTerminal=false\nX-GNOME-Autostart-enabled=true\n");
+    const QString text =
+        QStringLiteral("[Desktop Entry]\nType=Application\nName=Quillmoor\nExec=\"") +
+        QCoreApplication::applicationFilePath() +
+        QStringLiteral("\"\nIcon=app.quillmoor.Quillmoor\nTerminal=false\nX-GNOME-Autostart-enabled=true\n");
     file.write(text.toUtf8());
     if (!file.commit())
         return unexpected(file.errorString());
