@@ -5,8 +5,12 @@
 #include "library/textutil.h"
 
 #include <QDir>
+#include <QFileInfo>
+#include <QFileSystemWatcher>
+#include <QMetaProperty>
 #include <QSettings>
 #include <QStandardPaths>
+#include <QTimer>
 
 namespace qm {
 
@@ -17,11 +21,16 @@ namespace {
 const QHash<QString, QVariant> &registeredDefaults()
 {
     static const QHash<QString, QVariant> defaults{
-        {QStringLiteral("autoStopWhenZoomEnds"), true}, {QStringLiteral("showTimerInMenuBar"), true},
-        {QStringLiteral("includeMicrophone"), true},    {QStringLiteral("followZoomMute"), true},
-        {QStringLiteral("videoFrameRate"), 15},         {QStringLiteral("autoTranscribe"), true},
-        {QStringLiteral("detectSpeakers"), true},       {QStringLiteral("labelMyVoice"), true},
-        {QStringLiteral("driveIncludeMedia"), true},    {QStringLiteral("driveIncludeTranscript"), true},
+        {QStringLiteral("autoStopWhenZoomEnds"), true},
+        {QStringLiteral("showTimerInMenuBar"), true},
+        {QStringLiteral("includeMicrophone"), true},
+        {QStringLiteral("followZoomMute"), true},
+        {QStringLiteral("videoFrameRate"), 15},
+        {QStringLiteral("autoTranscribe"), true},
+        {QStringLiteral("detectSpeakers"), true},
+        {QStringLiteral("labelMyVoice"), true},
+        {QStringLiteral("driveIncludeMedia"), true},
+        {QStringLiteral("driveIncludeTranscript"), true},
         {QStringLiteral("automaticallyChecksForUpdates"), true},
     };
     return defaults;
@@ -126,6 +135,7 @@ AppSettings::AppSettings(Keychain &keychain, QString configDir, QString document
     m_defaultSaveFolderPath = QDir(documents).filePath(QStringLiteral("Quillmoor"));
     load();
     connect(&m_keychain, &Keychain::availableChanged, this, &AppSettings::keyringAvailableChanged);
+    watchFile();
 }
 
 AppSettings::~AppSettings() = default;
@@ -157,6 +167,49 @@ void AppSettings::load()
     m_driveIncludeMedia = in.flag("driveIncludeMedia", false);
     m_driveIncludeTranscript = in.flag("driveIncludeTranscript", false);
     m_automaticallyChecksForUpdates = in.flag("automaticallyChecksForUpdates", false);
+}
+
+void AppSettings::watchFile()
+{
+    m_watcher = std::make_unique<QFileSystemWatcher>();
+    // Writers replace the file by renaming a new one over it, which ends a watch on the file itself; the
+    // folder's watch notices the new file, and reloadFromFile() watches it again.
+    const QString file = m_store->fileName();
+    m_watcher->addPath(QFileInfo(file).absolutePath());
+    if (QFileInfo::exists(file))
+        m_watcher->addPath(file);
+    connect(m_watcher.get(), &QFileSystemWatcher::fileChanged, this, &AppSettings::scheduleReload);
+    connect(m_watcher.get(), &QFileSystemWatcher::directoryChanged, this, &AppSettings::scheduleReload);
+}
+
+void AppSettings::scheduleReload()
+{
+    if (m_reloadPending)
+        return;
+    m_reloadPending = true;
+    // A writer's rename and the folder's change arrive as a burst; one read after it settles is enough.
+    QTimer::singleShot(50, this, [this] {
+        m_reloadPending = false;
+        reloadFromFile();
+    });
+}
+
+void AppSettings::reloadFromFile()
+{
+    const QString file = m_store->fileName();
+    if (QFileInfo::exists(file) && !m_watcher->files().contains(file))
+        m_watcher->addPath(file);
+    const QMetaObject *meta = metaObject();
+    QVariantList before;
+    for (int i = meta->propertyOffset(); i < meta->propertyCount(); ++i)
+        before.append(meta->property(i).read(this));
+    m_store->sync();
+    load();
+    for (int i = meta->propertyOffset(); i < meta->propertyCount(); ++i) {
+        const QMetaProperty property = meta->property(i);
+        if (property.read(this) != before.at(i - meta->propertyOffset()))
+            property.notifySignal().invoke(this);
+    }
 }
 
 template <class T, class Stored>

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 
+class QFileSystemWatcher;
 class QSettings;
 
 namespace qm {
@@ -21,7 +22,9 @@ using ModelMap = QMap<QString, QString>;
 // Application, lives on the main thread. Reads never fail: each key has a registered default or a fallback,
 // and stored text that is not exactly one of an enumeration's raw values reads as its fallback.
 //
-// Construction runs the one-time migrations from earlier installations before anything is read.
+// Construction runs the one-time migrations from earlier installations before anything is read. The file is
+// watched: a change another program makes to it (another AppSettings, `quillmoor config set`) is read back
+// shortly after and announced through the same signals as the program's own changes.
 class AppSettings : public QObject {
     Q_OBJECT
     Q_PROPERTY(QString saveFolderPath READ saveFolderPath WRITE setSaveFolderPath NOTIFY saveFolderPathChanged)
@@ -158,11 +161,17 @@ Q_SIGNALS:
 
 private:
     void load();
+    void watchFile();
+    void scheduleReload();
+    // Re-reads the file and emits the change signal of every setting whose value differs from before.
+    void reloadFromFile();
     template <class T, class Stored>
     void assign(T &member, const T &value, const char *key, const Stored &stored, void (AppSettings::*changed)());
 
     Keychain &m_keychain;
     std::unique_ptr<QSettings> m_store;
+    std::unique_ptr<QFileSystemWatcher> m_watcher;
+    bool m_reloadPending = false;
     QString m_defaultSaveFolderPath;
 
     QString m_saveFolderPath;

@@ -148,6 +148,24 @@ private Q_SLOTS:
         QCOMPARE(s->saveFolderPath(), QDir(documents()).filePath(QStringLiteral("Quillmoor")));
         QVERIFY(QFileInfo(s->saveFolderPath() + QStringLiteral("/2024-01-02 10-00 Zoom Meeting")).isDir());
     }
+
+    void anotherWritersChangesAreReadBack()
+    {
+        const auto watching = open();
+        const auto other = open();
+        QSignalSpy mode(watching.get(), &AppSettings::zoomStartModeChanged);
+        QSignalSpy models(watching.get(), &AppSettings::modelsChanged);
+        QSignalSpy name(watching.get(), &AppSettings::myNameChanged);
+
+        other->setZoomStartMode(ZoomStartMode::automatic);
+        QTRY_COMPARE(watching->zoomStartMode(), ZoomStartMode::automatic);
+        other->setModel(QStringLiteral("small"), TranscriptionProvider::onDevice);
+        QTRY_COMPARE(watching->model(TranscriptionProvider::onDevice), QStringLiteral("small"));
+        // Only what changed is announced, and the watcher keeps following a file replaced by each write.
+        QCOMPARE(mode.count(), 1);
+        QCOMPARE(models.count(), 1);
+        QCOMPARE(name.count(), 0);
+    }
 };
 
 QTEST_GUILESS_MAIN(TestAppSettings)
