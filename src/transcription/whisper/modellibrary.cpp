@@ -10,6 +10,7 @@
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QPointer>
 #include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTimer>
@@ -128,6 +129,18 @@ ModelLibrary::ModelLibrary(QNetworkAccessManager &network, QString directory, QU
     : m_network(network), m_directory(std::move(directory)), m_baseUrl(std::move(baseUrl))
 {}
 
+const QList<ModelLibrary::Published> &ModelLibrary::catalog()
+{
+    // Sizes of the published files, for the user to judge a download by.
+    static const QList<Published> models{
+        {QStringLiteral("tiny"), 77'691'713},      {QStringLiteral("tiny.en"), 77'704'715},
+        {QStringLiteral("base"), 147'951'465},     {QStringLiteral("base.en"), 147'964'211},
+        {QStringLiteral("small"), 487'601'967},    {QStringLiteral("small.en"), 487'614'201},
+        {QStringLiteral("medium"), 1'533'763'059}, {QStringLiteral("medium.en"), 1'533'774'781},
+    };
+    return models;
+}
+
 QString ModelLibrary::defaultDirectory()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/Quillmoor/models");
@@ -171,6 +184,34 @@ bool ModelLibrary::isInstalled(const QString &model) const
 {
     const QFileInfo info(pathFor(model));
     return info.isFile() || (info.isDir() && QFileInfo(QDir(info.filePath()), QStringLiteral("model.bin")).isFile());
+}
+
+void ModelLibrary::cancel(const QString &model)
+{
+    if (const auto hook = m_cancels.constFind(model); hook != m_cancels.cend())
+        (*hook)();
+}
+
+qint64 ModelLibrary::partialBytes(const QString &model) const
+{
+    if (!isPublishedName(model))
+        return 0;
+    const QFileInfo part(pathFor(model) + QStringLiteral(".part"));
+    return part.isFile() ? part.size() : 0;
+}
+
+expected<void, QString> ModelLibrary::remove(const QString &model)
+{
+    if (!isPublishedName(model))
+        return unexpected(QStringLiteral("Only models Quillmoor downloaded can be deleted here."));
+    if (m_downloading.contains(model))
+        return unexpected(QStringLiteral("The model %1 is being downloaded; cancel the download first.").arg(model));
+    for (const QString &path : QStringList{pathFor(model), pathFor(model) + QStringLiteral(".part")}) {
+        QFile file(path);
+        if (file.exists() && !file.remove())
+            return unexpected(QStringLiteral("%1 can't be deleted: %2.").arg(path, file.errorString()));
+    }
+    return {};
 }
 
 QCoro::Task<expected<QString, TranscriptionError>> ModelLibrary::ensure(QString model, DownloadProgress progress)
@@ -231,6 +272,7 @@ QCoro::Task<expected<void, QString>> ModelLibrary::download(QString name, QStrin
         bool decided = false;
         bool writing = false;
         bool timedOut = false;
+        bool cancelled = false;
         bool discardPart = false;
         QString failure;
     };
@@ -265,6 +307,11 @@ QCoro::Task<expected<void, QString>> ModelLibrary::download(QString name, QStrin
         QMetaObject::invokeMethod(target, &QNetworkReply::abort, Qt::QueuedConnection);
     });
     idle->start();
+    m_cancels.insert(name, [state, target = QPointer<QNetworkReply>(reply.get())] {
+        state->cancelled = true;
+        if (target)
+            QMetaObject::invokeMethod(target, &QNetworkReply::abort, Qt::QueuedConnection);
+    });
     QObject::connect(
         reply.get(), &QNetworkReply::readyRead, reply.get(), [state, part, decide, idle, target = reply.get()] {
             idle->start();
@@ -287,6 +334,7 @@ QCoro::Task<expected<void, QString>> ModelLibrary::download(QString name, QStrin
 
     auto finished = qCoro(reply.get()).waitForFinished();
     co_await finished;
+    m_cancels.remove(name);
     decide();
     part->close();
     // An attempt that got nothing leaves nothing behind.
@@ -294,6 +342,8 @@ QCoro::Task<expected<void, QString>> ModelLibrary::download(QString name, QStrin
         part->remove();
 
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (state->cancelled)
+        co_return unexpected(QStringLiteral("the download of %1 was cancelled.").arg(fileName));
     if (state->timedOut)
         co_return unexpected(QStringLiteral("the download of %1 stopped responding.").arg(fileName));
     if (!state->failure.isEmpty())

@@ -4,6 +4,8 @@
 #include "transcription/transcriptionerror.h"
 
 #include <QCoroTask>
+#include <QHash>
+#include <QList>
 #include <QSet>
 #include <QString>
 #include <QUrl>
@@ -27,6 +29,12 @@ public:
     // Receives the downloaded fraction, 0…1, on the main thread.
     using DownloadProgress = std::function<void(double)>;
 
+    // A model the library can download, with the size of its file.
+    struct Published {
+        QString name;
+        qint64 bytes = 0;
+    };
+
     explicit ModelLibrary(QNetworkAccessManager &network, QString directory = defaultDirectory(),
                           QUrl baseUrl = defaultBaseUrl());
 
@@ -43,6 +51,10 @@ public:
     // True for the published names this library knows how to download.
     static bool isPublishedName(const QString &model);
 
+    // The full-precision models offered for download, smallest first, each followed by its English-only form.
+    static const QList<Published> &catalog();
+
+    QString directory() const { return m_directory; }
     // A local path for `model`: a user's file or directory as is, otherwise the file in `directory`.
     QString pathFor(const QString &model) const;
     bool isInstalled(const QString &model) const;
@@ -52,6 +64,16 @@ public:
     // A download that receives nothing for the inactivity limit is given up, its part kept for the next try.
     // The library must outlive the task; a second ensure() of a model already downloading is refused.
     QCoro::Task<expected<QString, TranscriptionError>> ensure(QString model, DownloadProgress progress);
+
+    bool isDownloading(const QString &model) const { return m_downloading.contains(model); }
+    // Stops the download of `model`, keeping what has arrived so that the next ensure() resumes from there; that
+    // download's ensure() answers `modelUnavailable` ("… was cancelled"). Does nothing when none is running.
+    void cancel(const QString &model);
+    // Bytes of `model` kept from an interrupted download; 0 when none.
+    qint64 partialBytes(const QString &model) const;
+    // Deletes a downloaded model and any part of it. Only files this library downloaded are deleted: a user's
+    // own model file or folder is never touched. The error is a sentence for the user.
+    expected<void, QString> remove(const QString &model);
 
     // One minute unless set.
     void setInactivityLimit(std::chrono::milliseconds limit) { m_inactivityLimit = limit; }
@@ -64,6 +86,7 @@ private:
     QUrl m_baseUrl;
     std::chrono::milliseconds m_inactivityLimit = std::chrono::minutes(1);
     QSet<QString> m_downloading;
+    QHash<QString, std::function<void()>> m_cancels;
 };
 
 } // namespace qm::whisper

@@ -338,6 +338,37 @@ private Q_SLOTS:
         QCOMPARE(QFileInfo(modelPath(QStringLiteral("tiny.en-q8_0")) + QStringLiteral(".part")).size(), 100'000);
     }
 
+    // Cancelling keeps what arrived, a later download resumes from it, and deleting removes file and part alike.
+    void cancelledDownloadResumesAndDeletesWhole()
+    {
+        const QByteArray model = modelBytes(1 << 20);
+        const QString name = QStringLiteral("base.en-q5_1");
+        m_server->files["/models/ggml-base.en-q5_1.bin"] = model;
+        m_server->fault = FileServer::Fault::stallAfter;
+        m_server->faultAt = 100'000;
+
+        auto task = m_library->ensure(name, {});
+        QTRY_VERIFY(m_library->partialBytes(name) > 0);
+        QVERIFY(m_library->isDownloading(name));
+        QVERIFY(!m_library->remove(name));
+        m_library->cancel(name);
+        const auto cancelled = QCoro::waitFor(std::move(task));
+        QVERIFY(!cancelled);
+        QVERIFY2(cancelled.error().message.contains(QLatin1String("cancelled")), qPrintable(cancelled.error().message));
+        QVERIFY(!m_library->isDownloading(name));
+        QCOMPARE(m_library->partialBytes(name), 100'000);
+
+        m_server->fault = FileServer::Fault::none;
+        QVERIFY(ensure(name));
+        QCOMPARE(m_server->ranges.last(), QByteArray("100000"));
+        QCOMPARE(m_library->partialBytes(name), 0);
+
+        QVERIFY(m_library->remove(name));
+        QVERIFY(!m_library->isInstalled(name));
+        // A user's own file is never deleted.
+        QVERIFY(!m_library->remove(m_dir->filePath(QStringLiteral("ggml-base.en-q5_1.bin"))));
+    }
+
     void localModelsAreUsedAsTheyAre()
     {
         const QString file = m_dir->filePath(QStringLiteral("mine.bin"));
