@@ -5,8 +5,11 @@
 #include "library/log.h"
 #include "library/recordingstore.h"
 #include "ui/prompt/promptcard.h"
+#include "ui/shell/shell.h"
+#include "ui/shell/singleinstance.h"
 
 #include <QApplication>
+#include <QProcess>
 
 namespace {
 
@@ -36,12 +39,30 @@ int main(int argc, char *argv[])
     QApplication::setDesktopFileName(QStringLiteral("app.quillmoor.Quillmoor"));
     QApplication::setQuitOnLastWindowClosed(false);
 
-    qm::Application quillmoor({.promptViews = qm::ui::makePromptCardView, .watchZoom = true});
+    QStringList addresses;
+    for (const QString &argument : QCoreApplication::arguments().mid(1)) {
+        if (!argument.startsWith(u'-'))
+            addresses.append(argument);
+    }
+    qm::ui::SingleInstance instance;
+    if (!instance.claim()) {
+        // Another Quillmoor runs in this session: it shows itself (or takes the address) and this run ends.
+        if (qm::ui::SingleInstance::handOver(addresses))
+            return 0;
+        qm::logLine(QStringLiteral("another Quillmoor holds this session but doesn't answer"));
+        return 1;
+    }
+
+    qm::Application quillmoor({.promptViews = qm::ui::makePromptCardView, .watchZoom = true, .checkForUpdates = true});
     qm::logLine(QStringLiteral("started; library at %1 with %2 recordings")
                     .arg(quillmoor.store().rootPath())
                     .arg(quillmoor.store().count()));
     if (!quillmoor.settings().keyringAvailable())
         qm::logLine(QStringLiteral("no keyring answered; API keys can't be saved until one is available"));
 
-    return QApplication::exec();
+    qm::ui::Shell shell(quillmoor, instance, qm::ui::ShellWindows{});
+    const int status = QApplication::exec();
+    if (shell.relaunchRequested())
+        QProcess::startDetached(QCoreApplication::applicationFilePath(), {});
+    return status;
 }

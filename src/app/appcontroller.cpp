@@ -71,6 +71,12 @@ void AppController::startRecording(RecordingSource source, std::optional<bool> v
     startTask(source, filmed && source != RecordingSource::inPerson);
 }
 
+void AppController::dismissError()
+{
+    setErrorMessage(std::nullopt);
+    setPermissionProblem(false);
+}
+
 QCoro::Task<> AppController::startTask(RecordingSource source, bool video)
 {
     QPointer<AppController> self(this);

@@ -115,6 +115,8 @@ public:
     void togglePause();
     void toggleMicrophoneMute();
     void discardRecording();
+    // The user closed the error banner.
+    void dismissError();
 
     // The finishing steps a user can ask for again. Each task resumes on the main thread.
     // `provider` overrides the provider setting for this run only.

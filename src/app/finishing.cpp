@@ -109,8 +109,8 @@ QCoro::Task<> AppController::finalize(QUuid id, bool recovered)
     record->duration = seconds;
     record->state = ProcessingState::ready;
     m_parts.store.save(*record);
-    m_parts.notifier.post(tr("Recording saved"),
-                          record->title + QStringLiteral(" \u00b7 ") + Formatters::duration(seconds));
+    m_parts.notifier.postAbout(tr("Recording saved"),
+                               record->title + QStringLiteral(" \u00b7 ") + Formatters::duration(seconds), id);
 
     if (m_parts.settings.driveSyncEnabled()) {
         auto copying = syncToDrive(id);
@@ -164,7 +164,7 @@ QCoro::Task<> AppController::transcribe(QUuid id, std::optional<TranscriptionPro
             m_parts.store.save(*record);
         }
         bumpTranscriptRevision();
-        m_parts.notifier.post(tr("Transcript ready"), record ? record->title : QString());
+        m_parts.notifier.postAbout(tr("Transcript ready"), record ? record->title : QString(), id);
         if (m_parts.settings.driveSyncEnabled()) {
             auto copying = syncToDrive(id);
             co_await copying;

@@ -119,7 +119,8 @@ QCoro::Task<> Updater::check(bool asked)
     if (asked)
         Q_EMIT checkFinished(tr("Quillmoor %1 is available.").arg(version));
     else if (m_notifiedVersion != version)
-        m_notifier.post(tr("Quillmoor %1 is available").arg(version), tr("Get it from %1").arg(m_releasePage.toString()));
+        m_notifier.post(tr("Quillmoor %1 is available").arg(version),
+                        tr("Get it from %1").arg(m_releasePage.toString()));
     m_notifiedVersion = version;
 }
 

@@ -295,6 +295,9 @@ bool wantsCommandLine(const QStringList &arguments)
     // The tray takes no words of its own, only Qt's options ("-platform xcb", "-session …"); a mistyped
     // command should say so rather than start the tray.
     const QString &first = arguments.at(1);
+    // A quillmoor: address comes from the desktop (the URL scheme's handler) and belongs to the running tray.
+    if (first.startsWith(QLatin1String("quillmoor:"), Qt::CaseInsensitive))
+        return false;
     return !first.startsWith(u'-') || isHelpFlag(first) || isVersionFlag(first);
 }
 

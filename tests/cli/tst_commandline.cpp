@@ -148,6 +148,7 @@ private Q_SLOTS:
         QTest::newRow("command") << QStringList{u"quillmoor"_s, u"list"_s} << true;
         QTest::newRow("mistyped command") << QStringList{u"quillmoor"_s, u"recrod"_s} << true;
         QTest::newRow("help") << QStringList{u"quillmoor"_s, u"--help"_s} << true;
+        QTest::newRow("sign-in address") << QStringList{u"quillmoor"_s, u"quillmoor://signin?code=1"_s} << false;
         QTest::newRow("version") << QStringList{u"quillmoor"_s, u"--version"_s} << true;
     }
 

@@ -21,15 +21,16 @@ class NotificationServer : public QObject {
 public:
     struct Received {
         QString app, summary, body;
+        QStringList actions;
         QVariantMap hints;
     };
     QList<Received> received;
 
 public Q_SLOTS:
     uint Notify(const QString &app, uint, const QString &, const QString &summary, const QString &body,
-                const QStringList &, const QVariantMap &hints, int)
+                const QStringList &actions, const QVariantMap &hints, int)
     {
-        received.append({app, summary, body, hints});
+        received.append({app, summary, body, actions, hints});
         return uint(received.size());
     }
     QStringList GetCapabilities() { return {QStringLiteral("body")}; }
@@ -92,8 +93,25 @@ private Q_SLOTS:
         QCOMPARE(sent.app, QStringLiteral("Quillmoor"));
         QCOMPARE(sent.summary, QStringLiteral("Zoom meeting ended"));
         QCOMPARE(sent.body, QStringLiteral("Recording stopped and saved."));
-        QCOMPARE(sent.hints.value(QStringLiteral("desktop-entry")).toString(), QStringLiteral("quillmoor"));
+        QCOMPARE(sent.hints.value(QStringLiteral("desktop-entry")).toString(),
+                 QStringLiteral("app.quillmoor.Quillmoor"));
         QCOMPARE(sent.hints.value(QStringLiteral("suppress-sound")).toBool(), quiet);
+        QVERIFY(sent.actions.isEmpty());
+
+        // A notification about a recording opens it when clicked; a click on another one does nothing.
+        QList<QUuid> opened;
+        notifier.setOpenHandler([&](const QUuid &id) { opened.append(id); });
+        const QUuid recording = QUuid::createUuid();
+        notifier.postAbout(QStringLiteral("Recording saved"), QStringLiteral("Standup"), recording);
+        QTRY_COMPARE(m_server.received.size(), 2);
+        QCOMPARE(m_server.received.last().actions.value(0), QStringLiteral("default"));
+        for (uint id : {1u, 2u}) {
+            QDBusMessage click = QDBusMessage::createSignal(QStringLiteral("/org/freedesktop/Notifications"), m_name,
+                                                            QStringLiteral("ActionInvoked"));
+            click << id << QStringLiteral("default");
+            m_bus.send(click);
+        }
+        QTRY_COMPARE(opened, QList<QUuid>{recording});
         unregisterServer();
     }
 

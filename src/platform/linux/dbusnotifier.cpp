@@ -2,6 +2,9 @@
 
 #include <QDBusMessage>
 #include <QDBusPendingCall>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QPointer>
 #include <QVariantMap>
 
 namespace qm::platform {
@@ -17,7 +20,13 @@ QDBusMessage notificationsCall(const QString &method)
 
 } // namespace
 
-DBusNotifier::DBusNotifier(QDBusConnection bus) : m_bus(std::move(bus)) {}
+DBusNotifier::DBusNotifier(QDBusConnection bus) : m_bus(std::move(bus))
+{
+    const QString service = QStringLiteral("org.freedesktop.Notifications");
+    const QString path = QStringLiteral("/org/freedesktop/Notifications");
+    m_bus.connect(service, path, service, QStringLiteral("ActionInvoked"), this, SLOT(actionInvoked(uint, QString)));
+    m_bus.connect(service, path, service, QStringLiteral("NotificationClosed"), this, SLOT(closed(uint, uint)));
+}
 
 void DBusNotifier::setUp()
 {
@@ -27,12 +36,50 @@ void DBusNotifier::setUp()
 
 void DBusNotifier::post(const QString &title, const QString &body)
 {
-    QVariantMap hints{{QStringLiteral("desktop-entry"), QStringLiteral("quillmoor")}};
+    notify(title, body, std::nullopt);
+}
+
+void DBusNotifier::postAbout(const QString &title, const QString &body, const QUuid &recording)
+{
+    notify(title, body, recording);
+}
+
+void DBusNotifier::notify(const QString &title, const QString &body, const std::optional<QUuid> &recording)
+{
+    QVariantMap hints{{QStringLiteral("desktop-entry"), QStringLiteral("app.quillmoor.Quillmoor")}};
     if (m_quiet)
         hints.insert(QStringLiteral("suppress-sound"), true);
+    QStringList actions;
+    if (recording)
+        actions << QStringLiteral("default") << QObject::tr("Open");
     QDBusMessage call = notificationsCall(QStringLiteral("Notify"));
-    call << QStringLiteral("Quillmoor") << 0u << QString() << title << body << QStringList() << hints << -1;
-    m_bus.asyncCall(call);
+    call << QStringLiteral("Quillmoor") << 0u << QStringLiteral("app.quillmoor.Quillmoor") << title << body << actions
+         << hints << -1;
+    QDBusPendingCall pending = m_bus.asyncCall(call);
+    if (!recording)
+        return;
+    auto *watcher = new QDBusPendingCallWatcher(pending, this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher, id = *recording] {
+        const QDBusPendingReply<uint> reply = *watcher;
+        if (!reply.isError())
+            m_shown.insert(reply.value(), id);
+        watcher->deleteLater();
+    });
+}
+
+void DBusNotifier::actionInvoked(uint id, const QString &action)
+{
+    const auto found = m_shown.constFind(id);
+    if (found == m_shown.constEnd() || action != QLatin1String("default"))
+        return;
+    const QUuid recording = found.value();
+    if (m_open)
+        m_open(recording);
+}
+
+void DBusNotifier::closed(uint id, uint)
+{
+    m_shown.remove(id);
 }
 
 } // namespace qm::platform

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "app/appcontroller.h"
+#include "app/appsettings.h"
+#include "app/keychain.h"
+#include "capture/mediaprocessor.h"
+#include "library/recordingstore.h"
+#include "meeting/permissions.h"
+#include "meeting/zoommonitor.h"
+#include "support/app/controllerfakes.h"
+#include "support/capture/fakesound.h"
+#include "support/fakesecretstore.h"
+#include "transcription/transcriptionservice.h"
+
+#include "meeting/faketicker.h"
+
+#include <QTemporaryDir>
+
+#include <memory>
+
+namespace qm::test {
+
+// Zoom as a script the test moves: running, in a meeting, or neither.
+class ScriptedZoom : public ZoomProbes {
+public:
+    bool running = false;
+    bool inMeeting = false;
+    QList<int> zoomProcesses() override { return running || inMeeting ? QList<int>{4242} : QList<int>{}; }
+    bool zoomIsUsingAudioInput(const QList<int> &) override { return inMeeting; }
+    bool zoomHasMeetingWindow(const QList<int> &) override { return inMeeting; }
+};
+
+// A whole controller on real parts (settings, library, capture engine, media processor) in a temporary folder,
+// with the sound server, Zoom, permissions and notifications as stand-ins, and no automatic transcription or
+// Drive copies. Build it in a test's init(); one per test.
+struct ControllerHarness {
+    ControllerHarness();
+    ~ControllerHarness();
+
+    // Feeds `seconds` of tone into the running capture, in real time, ticking the controller as it goes.
+    void record(double seconds);
+    // Moves Zoom's state and lets the monitor's debounce see it `polls` times.
+    void pollZoom(int polls);
+    static bool waitUntilSettled(AppController &controller, int timeoutMs = 60000);
+
+    QTemporaryDir dir;
+    FakeSecretStore secrets;
+    Keychain keychain;
+    std::unique_ptr<AppSettings> settings;
+    std::unique_ptr<RecordingStore> store;
+    ScriptedZoom *zoomProbes = nullptr;
+    FakeTickers zoomTickers;
+    std::unique_ptr<ZoomMonitor> zoom;
+    std::unique_ptr<Permissions> permissions;
+    MediaProcessor media;
+    std::unique_ptr<TranscriptionService> transcription;
+    RecordingNotifier notifier;
+    FakeTickers tickers;
+    FakeClock clock;
+    FakeSoundServer sound;
+    FakeProcessList processes;
+    QDateTime now = QDateTime(QDate(2026, 3, 1), QTime(10, 0), Qt::UTC);
+    std::unique_ptr<AppController> controller;
+};
+
+} // namespace qm::test
