@@ -7,6 +7,7 @@
 #include "ui/prompt/promptcard.h"
 #include "ui/shell/shell.h"
 #include "ui/shell/singleinstance.h"
+#include "ui/tray/symbols.h"
 
 #include <QApplication>
 #include <QProcess>
@@ -38,6 +39,7 @@ int main(int argc, char *argv[])
     nameApplication();
     QApplication::setDesktopFileName(QStringLiteral("app.quillmoor.Quillmoor"));
     QApplication::setQuitOnLastWindowClosed(false);
+    qm::ui::symbols::useFallbackTheme();
 
     QStringList addresses;
     for (const QString &argument : QCoreApplication::arguments().mid(1)) {

@@ -3,7 +3,9 @@
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QIcon>
 #include <QPalette>
+#include <QStyle>
 #include <QStyleFactory>
 #include <QTextStream>
 #include <QWidget>
@@ -54,6 +56,8 @@ int run(int argc, char *argv[],
     const QString outdir = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("docs/screenshots");
     QDir().mkpath(outdir);
     QApplication::setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
+    // What a GNOME desktop's theme would answer; the bare X server here has no theme of its own.
+    QIcon::setThemeName(QStringLiteral("Adwaita"));
     int failures = 0;
     for (Theme theme : {Theme::light, Theme::dark}) {
         QApplication::setPalette(theme == Theme::dark ? darkPalette() : QApplication::style()->standardPalette());

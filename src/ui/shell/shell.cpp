@@ -111,8 +111,7 @@ void Shell::trayVisibilityChanged(bool visible)
         return;
     }
     // Never run invisibly: without a tray the panel is the program's window.
-    m_model->setTrayNotice(tr("This desktop shows no tray icons, so Quillmoor opens this window instead. "
-                              "On GNOME, the AppIndicator extension adds a tray."));
+    m_model->setTrayNotice(TrayViewModel::noTrayNotice());
     m_panel->present();
 }
 

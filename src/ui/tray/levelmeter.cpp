@@ -48,7 +48,8 @@ void LevelMeter::paintEvent(QPaintEvent *)
     const int symbolSize = 16;
     const QIcon symbol = m_kind == Kind::meeting ? symbols::meetingAudio()
                                                  : (m_muted ? symbols::microphoneMuted() : symbols::microphone());
-    symbol.paint(&painter, QRect(0, (height() - symbolSize) / 2, symbolSize, symbolSize));
+    symbols::tinted(symbol, palette().color(QPalette::WindowText))
+        .paint(&painter, QRect(0, (height() - symbolSize) / 2, symbolSize, symbolSize));
 
     const QRectF track(symbolSize + 8, height() / 2.0 - 3, width() - symbolSize - 9, 6);
     QColor groove = palette().color(QPalette::WindowText);

@@ -82,7 +82,7 @@ MenuBarView::MenuBarView(TrayViewModel &model, TrayActions actions, QWidget *par
     titles->addWidget(m_status);
     header->addLayout(titles, 1);
     auto *gear = new QToolButton(this);
-    gear->setIcon(symbols::settings());
+    gear->setIcon(symbols::tinted(symbols::settings(), palette().color(QPalette::ButtonText)));
     gear->setAutoRaise(true);
     gear->setToolTip(tr("Settings"));
     gear->setAccessibleName(tr("Settings"));
@@ -118,7 +118,7 @@ MenuBarView::MenuBarView(TrayViewModel &model, TrayActions actions, QWidget *par
     m_relaunch = new QPushButton(tr("Relaunch Quillmoor"), m_errorBanner);
     connect(m_relaunch, &QPushButton::clicked, this, [this] { m_actions.relaunch(); });
     auto *dismiss = new QToolButton(m_errorBanner);
-    dismiss->setIcon(symbols::close());
+    dismiss->setIcon(symbols::tinted(symbols::close(), palette().color(QPalette::ButtonText)));
     dismiss->setAutoRaise(true);
     dismiss->setToolTip(tr("Dismiss"));
     dismiss->setAccessibleName(tr("Dismiss"));
@@ -180,11 +180,12 @@ MenuBarView::MenuBarView(TrayViewModel &model, TrayActions actions, QWidget *par
     connect(m_mute, &QPushButton::clicked, &controller, &AppController::toggleMicrophoneMute);
     m_pause = new QPushButton(m_card);
     connect(m_pause, &QPushButton::clicked, &controller, &AppController::togglePause);
-    m_stop = new QPushButton(tr("Stop & Save"), m_card);
+    m_stop = new QPushButton(symbols::literal(tr("Stop & Save")), m_card);
+    m_stop->setAccessibleName(tr("Stop & Save"));
     m_stop->setDefault(true);
     connect(m_stop, &QPushButton::clicked, &controller, &AppController::stopRecording);
     m_discard = new QToolButton(m_card);
-    m_discard->setIcon(symbols::trash());
+    m_discard->setIcon(symbols::tinted(symbols::trash(), palette().color(QPalette::ButtonText)));
     m_discard->setToolTip(tr("Stop without saving"));
     m_discard->setAccessibleName(tr("Stop without saving"));
     connect(m_discard, &QToolButton::clicked, this, [this, &controller] {
@@ -311,8 +312,6 @@ void MenuBarView::refreshRecent()
 
 void MenuBarView::followLevels()
 {
-    if (!m_card->isVisible())
-        return;
     AppController &controller = m_model.controller();
     m_meetingMeter->setLevel(controller.meetingLevel());
     m_micMeter->setLevel(controller.micLevel());

@@ -7,6 +7,8 @@
 #include <QLabel>
 #include <QVBoxLayout>
 
+#include <optional>
+
 namespace qm::ui {
 
 namespace {
@@ -26,10 +28,12 @@ QLabel *quietLabel(const QString &text, QWidget *parent)
     return label;
 }
 
-QLabel *iconLabel(const QIcon &icon, int size, QWidget *parent)
+// Symbols take the colour of the text beside them, or `tint` when they carry a meaning of their own.
+QLabel *iconLabel(const QIcon &icon, int size, QWidget *parent, std::optional<QColor> tint = std::nullopt)
 {
     auto *label = new QLabel(parent);
-    label->setPixmap(icon.pixmap(size, size));
+    label->setPixmap(symbols::tinted(icon, tint.value_or(parent->palette().color(QPalette::WindowText)))
+                         .pixmap(size, size, QIcon::Normal));
     label->setFixedSize(size, size);
     label->setAttribute(Qt::WA_TransparentForMouseEvents);
     return label;
@@ -88,7 +92,7 @@ RecentRow::RecentRow(const Recording &recording, const QString &detail, QWidget 
     texts->addWidget(info);
     row->addLayout(texts, 1);
     if (recording.state == ProcessingState::failed || recording.transcriptState == TranscriptState::failed)
-        row->addWidget(iconLabel(symbols::warning(), 16, this));
+        row->addWidget(iconLabel(symbols::warning(), 16, this, symbols::warningColor()));
     else if (recording.transcriptState == TranscriptState::done)
         row->addWidget(iconLabel(symbols::transcript(), 16, this));
 }
@@ -118,8 +122,9 @@ Banner::Banner(Tone tone, QWidget *parent) : QFrame(parent)
     column->setSpacing(6);
     auto *top = new QHBoxLayout;
     top->setSpacing(8);
-    top->addWidget(iconLabel(tone == Tone::information ? symbols::meetingAudio() : symbols::warning(), 16, this), 0,
-                   Qt::AlignTop);
+    top->addWidget(iconLabel(tone == Tone::information ? symbols::meetingAudio() : symbols::warning(), 16, this,
+                             tone == Tone::information ? std::nullopt : std::optional(tint)),
+                   0, Qt::AlignTop);
     m_text = new QLabel(this);
     m_text->setWordWrap(true);
     m_text->setTextInteractionFlags(Qt::TextSelectableByMouse);

@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QFile>
+#include <QPainter>
 #include <QStyle>
 
 namespace qm::ui::symbols {
@@ -20,6 +21,39 @@ QIcon themed(const char *name, QStyle::StandardPixmap fallback)
 }
 
 } // namespace
+
+void useFallbackTheme()
+{
+    QIcon::setFallbackThemeName(QStringLiteral("Adwaita"));
+}
+
+QIcon tinted(const QIcon &icon, const QColor &color)
+{
+    QIcon result;
+    for (int size : {16, 22, 24, 32}) {
+        for (qreal ratio : {1.0, 2.0}) {
+            QPixmap pixmap = icon.pixmap(QSize(size, size), ratio);
+            if (pixmap.isNull())
+                continue;
+            QPainter painter(&pixmap);
+            painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+            painter.fillRect(pixmap.rect(), color);
+            painter.end();
+            result.addPixmap(pixmap);
+        }
+    }
+    return result;
+}
+
+QString literal(QString text)
+{
+    return text.replace(u'&', QStringLiteral("&&"));
+}
+
+QColor warningColor()
+{
+    return {0xe5, 0xa5, 0x0a};
+}
 
 QIcon tray(TrayViewModel::IconState state)
 {
@@ -65,7 +99,7 @@ QIcon microphone()
 
 QIcon microphoneMuted()
 {
-    return themed("microphone-disabled-symbolic", QStyle::SP_MediaVolumeMuted);
+    return themed("microphone-sensitivity-muted-symbolic", QStyle::SP_MediaVolumeMuted);
 }
 
 QIcon settings()

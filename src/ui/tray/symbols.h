@@ -9,6 +9,16 @@
 // panel matches the desktop, and falls back to one of ours or the style's.
 namespace qm::ui::symbols {
 
+// Lets the desktop's theme answer first and GNOME's Adwaita, where installed, fill its gaps.
+void useFallbackTheme();
+// A symbolic icon recoloured to `color` (the text colour of where it is drawn), so it reads in light and dark
+// palettes alike, as symbolic icons do in GTK.
+QIcon tinted(const QIcon &icon, const QColor &color);
+// Escapes the ampersands of a text that goes on a button or menu item, where a single one marks a mnemonic.
+QString literal(QString text);
+// The colour of warnings, readable on light and dark backgrounds.
+QColor warningColor();
+
 QIcon tray(TrayViewModel::IconState state);
 QIcon application();
 QIcon source(RecordingSource source);

@@ -66,7 +66,7 @@ TrayIcon::TrayIcon(TrayViewModel &model, TrayActions actions, QObject *parent)
     connect(m_pause, &QAction::triggered, &controller, &AppController::togglePause);
     m_mute = m_menu->addAction(QString());
     connect(m_mute, &QAction::triggered, &controller, &AppController::toggleMicrophoneMute);
-    m_stop = m_menu->addAction(tr("Stop & Save"));
+    m_stop = m_menu->addAction(symbols::literal(tr("Stop & Save")));
     connect(m_stop, &QAction::triggered, &controller, &AppController::stopRecording);
     m_discard = m_menu->addAction(symbols::trash(), tr("Stop without saving…"));
     connect(m_discard, &QAction::triggered, this, [&controller] {
@@ -186,7 +186,7 @@ void TrayIcon::rebuildRecent()
     qDeleteAll(m_recent);
     m_recent.clear();
     for (const Recording &recording : recent) {
-        auto *action = new QAction(symbols::source(recording.source), recording.title, m_menu.get());
+        auto *action = new QAction(symbols::source(recording.source), symbols::literal(recording.title), m_menu.get());
         const QUuid id = recording.id;
         connect(action, &QAction::triggered, this, [this, id] { m_actions.openLibrary(id); });
         m_menu->insertAction(m_recentSeparator, action);

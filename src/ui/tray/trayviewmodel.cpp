@@ -180,6 +180,12 @@ void TrayViewModel::setTrayNotice(const QString &notice)
     Q_EMIT changed();
 }
 
+QString TrayViewModel::noTrayNotice()
+{
+    return tr("This desktop shows no tray icons, so Quillmoor opens this window instead. On GNOME, the "
+              "AppIndicator extension adds a tray.");
+}
+
 void TrayViewModel::setUpdateNotice(const QString &notice)
 {
     if (m_updateNotice == notice)

@@ -62,6 +62,7 @@ public:
     bool isQuitting() const { return m_quitting; }
     // Why the program has no tray icon (shown once in the panel), or empty.
     void setTrayNotice(const QString &notice);
+    static QString noTrayNotice();
     QString trayNotice() const { return m_trayNotice; }
     // A newer release to mention in the panel, or empty.
     void setUpdateNotice(const QString &notice);

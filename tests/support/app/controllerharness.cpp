@@ -6,21 +6,21 @@
 
 namespace qm::test {
 
-ControllerHarness::ControllerHarness()
+ControllerHarness::ControllerHarness(std::unique_ptr<AccessibilityTree> zoomTree)
 {
     settings = std::make_unique<AppSettings>(keychain, dir.filePath(QStringLiteral("config")));
     settings->setSaveFolderPath(dir.filePath(QStringLiteral("Library")));
     settings->setAutoTranscribe(false);
     settings->setDriveSyncEnabled(false);
     AppSettings *s = settings.get();
-    store = std::make_unique<RecordingStore>([s] { return s->saveFolderPath(); });
+    store = std::make_unique<RecordingStore>([s] { return s->saveFolderPath(); }, nullptr, [this] { return now; });
     store->reload();
     auto probes = std::make_unique<ScriptedZoom>();
     zoomProbes = probes.get();
     zoom = std::make_unique<ZoomMonitor>(std::move(probes), zoomTickers.factory());
     permissions = std::make_unique<Permissions>(std::make_unique<GrantedPermissionSources>());
     transcription = std::make_unique<TranscriptionService>(
-        secrets, media, [](TranscriptionProvider) { return std::unique_ptr<SpeechEngine>(); });
+        secrets, media, [this](TranscriptionProvider) { return engine ? engine() : std::unique_ptr<SpeechEngine>(); });
     processes.zoom = {4242};
     ControllerParts parts{
         .settings = *settings,
@@ -32,6 +32,10 @@ ControllerHarness::ControllerHarness()
         .transcription = *transcription,
         .makeEngine = [this] { return std::make_unique<CaptureEngine>(sound, nullptr, processes, clock); },
     };
+    if (zoomTree) {
+        muteObserver = std::make_unique<ZoomMuteObserver>(std::move(zoomTree));
+        parts.muteObserver = muteObserver.get();
+    }
     parts.now = [this] { return now; };
     parts.tickers = tickers.factory();
     controller = std::make_unique<AppController>(std::move(parts));

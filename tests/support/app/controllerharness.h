@@ -7,6 +7,7 @@
 #include "library/recordingstore.h"
 #include "meeting/permissions.h"
 #include "meeting/zoommonitor.h"
+#include "meeting/zoommuteobserver.h"
 #include "support/app/controllerfakes.h"
 #include "support/capture/fakesound.h"
 #include "support/fakesecretstore.h"
@@ -34,7 +35,8 @@ public:
 // with the sound server, Zoom, permissions and notifications as stand-ins, and no automatic transcription or
 // Drive copies. Build it in a test's init(); one per test.
 struct ControllerHarness {
-    ControllerHarness();
+    // `zoomTree`, when given, is the Zoom whose mute button the controller follows.
+    explicit ControllerHarness(std::unique_ptr<AccessibilityTree> zoomTree = nullptr);
     ~ControllerHarness();
 
     // Feeds `seconds` of tone into the running capture, in real time, ticking the controller as it goes.
@@ -53,12 +55,15 @@ struct ControllerHarness {
     std::unique_ptr<ZoomMonitor> zoom;
     std::unique_ptr<Permissions> permissions;
     MediaProcessor media;
+    // Makes the speech engine of each transcription (none unless a test gives one).
+    std::function<std::unique_ptr<SpeechEngine>()> engine;
     std::unique_ptr<TranscriptionService> transcription;
     RecordingNotifier notifier;
     FakeTickers tickers;
     FakeClock clock;
     FakeSoundServer sound;
     FakeProcessList processes;
+    std::unique_ptr<ZoomMuteObserver> muteObserver;
     QDateTime now = QDateTime(QDate(2026, 3, 1), QTime(10, 0), Qt::UTC);
     std::unique_ptr<AppController> controller;
 };

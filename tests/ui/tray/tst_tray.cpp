@@ -170,7 +170,7 @@ private Q_SLOTS:
         QVERIFY(!options.at(1)->isVisible());
         auto button = [&](const QString &text) {
             for (QPushButton *b : panel.findChildren<QPushButton *>())
-                if (b->text() == text && b->isVisible())
+                if ((b->text() == text || b->accessibleName() == text) && b->isVisible())
                     return b;
             return static_cast<QPushButton *>(nullptr);
         };
