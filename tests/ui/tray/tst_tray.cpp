@@ -185,7 +185,7 @@ private Q_SLOTS:
                 visible << action->text();
         QCOMPARE(visible.mid(0, 5),
                  (QStringList{QStringLiteral("Paused"), QStringLiteral("Resume"), QStringLiteral("Mute"),
-                              QStringLiteral("Stop & Save"), QStringLiteral("Stop without saving…")}));
+                              QStringLiteral("Stop && Save"), QStringLiteral("Stop without saving…")}));
         QCOMPARE(visible.mid(visible.size() - 4), (QStringList{QStringLiteral("Library"), QStringLiteral("Folder"),
                                                                QStringLiteral("Settings"), QStringLiteral("Quit")}));
         button(QStringLiteral("Stop & Save"))->click();
