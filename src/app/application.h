@@ -57,6 +57,8 @@ public:
     Permissions &permissions() { return *m_permissions; }
     Notifier &notifier() { return *m_notifier; }
     Updater &updater() { return *m_updater; }
+    // Lists the monitors (empty without an X server).
+    ScreenSource &screens() { return *m_screens; }
 
 private:
     std::unique_ptr<Keychain> m_keychain;
