@@ -12,6 +12,8 @@
 #include <QStandardPaths>
 #include <QTimer>
 
+#include <algorithm>
+
 namespace qm {
 
 namespace {
@@ -167,6 +169,7 @@ void AppSettings::load()
     m_driveIncludeMedia = in.flag("driveIncludeMedia", false);
     m_driveIncludeTranscript = in.flag("driveIncludeTranscript", false);
     m_automaticallyChecksForUpdates = in.flag("automaticallyChecksForUpdates", false);
+    m_playbackSpeedPercent = std::clamp(in.number("playbackSpeedPercent", 100), 75, 200);
 }
 
 void AppSettings::watchFile()
@@ -269,6 +272,7 @@ QM_TEXT_SETTER(setDriveRootPath, m_driveRootPath, driveRootPath)
 QM_TEXT_SETTER(setDriveSubfolder, m_driveSubfolder, driveSubfolder)
 QM_FLAG_SETTER(setDriveIncludeMedia, m_driveIncludeMedia, driveIncludeMedia)
 QM_FLAG_SETTER(setDriveIncludeTranscript, m_driveIncludeTranscript, driveIncludeTranscript)
+QM_NUMBER_SETTER(setPlaybackSpeedPercent, m_playbackSpeedPercent, playbackSpeedPercent)
 
 #undef QM_FLAG_SETTER
 #undef QM_TEXT_SETTER

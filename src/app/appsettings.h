@@ -56,6 +56,8 @@ class AppSettings : public QObject {
     Q_PROPERTY(bool automaticallyChecksForUpdates READ automaticallyChecksForUpdates WRITE
                    setAutomaticallyChecksForUpdates NOTIFY automaticallyChecksForUpdatesChanged)
     Q_PROPERTY(bool keyringAvailable READ keyringAvailable NOTIFY keyringAvailableChanged)
+    Q_PROPERTY(int playbackSpeedPercent READ playbackSpeedPercent WRITE setPlaybackSpeedPercent NOTIFY
+                   playbackSpeedPercentChanged)
 
 public:
     // `configDir` holds "app.quillmoor.Quillmoor.conf" and the earlier installations' files; `documentsDir` is
@@ -92,6 +94,8 @@ public:
     bool driveIncludeMedia() const { return m_driveIncludeMedia; }
     bool driveIncludeTranscript() const { return m_driveIncludeTranscript; }
     bool automaticallyChecksForUpdates() const { return m_automaticallyChecksForUpdates; }
+    // The library player's speed in percent (75 to 200), kept between sessions.
+    int playbackSpeedPercent() const { return m_playbackSpeedPercent; }
     bool keyringAvailable() const;
 
     void setSaveFolderPath(const QString &value);
@@ -118,6 +122,7 @@ public:
     void setDriveIncludeMedia(bool value);
     void setDriveIncludeTranscript(bool value);
     void setAutomaticallyChecksForUpdates(bool value);
+    void setPlaybackSpeedPercent(int value);
 
     // The model to request from `provider`: the user's choice without surrounding blanks, else the built-in one.
     QString model(TranscriptionProvider provider) const;
@@ -157,6 +162,7 @@ Q_SIGNALS:
     void driveIncludeMediaChanged();
     void driveIncludeTranscriptChanged();
     void automaticallyChecksForUpdatesChanged();
+    void playbackSpeedPercentChanged();
     void keyringAvailableChanged();
 
 private:
@@ -198,6 +204,7 @@ private:
     bool m_driveIncludeMedia = true;
     bool m_driveIncludeTranscript = true;
     bool m_automaticallyChecksForUpdates = true;
+    int m_playbackSpeedPercent = 100;
 };
 
 } // namespace qm
