@@ -190,6 +190,9 @@ expected<void, CaptureFailure> CaptureEngine::openVideo(const CaptureConfigurati
     if (meetingWindow) {
         target = VideoTarget{VideoTarget::Kind::window, meetingWindow->id, meetingWindow->geometry,
                              tr("Zoom meeting window")};
+    } else if (configuration.source == RecordingSource::zoom && m_screen->picksWindows()) {
+        // The meeting window can't be listed here: the user points it out in the desktop's dialog.
+        target = VideoTarget{VideoTarget::Kind::window, 0, {}, tr("Zoom meeting window")};
     } else {
         const std::optional<std::uint32_t> chosen =
             configuration.displayID && *configuration.displayID != 0 ? configuration.displayID : std::nullopt;
@@ -199,6 +202,12 @@ expected<void, CaptureFailure> CaptureEngine::openVideo(const CaptureConfigurati
             return unexpected(CaptureFailure::of(CaptureError::noDisplay));
         target = VideoTarget{VideoTarget::Kind::display, display->id, display->geometry, display->name};
     }
+
+    m_screenStarted = true; // a prepared source holds on to what it was given until it is stopped
+    auto prepared = m_screen->prepare(target);
+    if (!prepared)
+        return unexpected(prepared.error());
+    target = *prepared;
 
     const VideoSettings settings =
         VideoSettings::forCapture(target.geometry.width(), target.geometry.height(), configuration.frameRate);

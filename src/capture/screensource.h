@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capture/capturefailure.h"
 #include "capture/mediasample.h"
 #include "library/result.h"
 
@@ -53,6 +54,14 @@ public:
     virtual QList<WindowInfo> windows() = 0;
     // The display under the pointer, if known.
     virtual std::optional<std::uint32_t> displayUnderPointer() = 0;
+
+    // Whether a window target with id 0 stands for "the window the user picks in the desktop's dialog", for
+    // desktops whose windows can't be listed.
+    virtual bool picksWindows() const { return false; }
+    // Settles what start() will film, before the track is made: a desktop that asks the user what to share asks
+    // here (this may take as long as the user does), and the returned target carries the size that will be
+    // filmed. A source that must be stopped afterwards is stopped by stop(), started or not.
+    virtual expected<VideoTarget, CaptureFailure> prepare(VideoTarget target) { return target; }
 
     // Starts grabbing `target` at `fps` frames a second, with the pointer drawn in. An error is a sentence
     // for the user.
