@@ -73,7 +73,7 @@ bool buildLibrary(const QString &root, RecordingStore &store)
         if (!writeFileAtomically(folder + u'/' + QLatin1String(kMetadataFileName), JsonCoding::encode(r)))
             return false;
         if (r.transcriptState == TranscriptState::done)
-            store.saveTranscript(makeTranscript(r), r);
+            (void)store.saveTranscript(makeTranscript(r), r);
     }
     return true;
 }

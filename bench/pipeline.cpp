@@ -93,7 +93,7 @@ int main(int argc, char *argv[])
     QFile::copy(meeting, sourceFolder + QLatin1String(kMeetingTrackFileName));
     QFile::copy(microphone, sourceFolder + QLatin1String(kMicrophoneTrackFileName));
     record.state = ProcessingState::processing;
-    store.save(record);
+    (void)store.save(record);
 
     test::FakeDeepgram deepgram;
     deepgram.script = {{QStringLiteral("Let's look at the numbers."), 1.0, 3.0, 0}};

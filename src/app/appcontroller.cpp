@@ -13,6 +13,7 @@
 #include "meeting/zoomprompt.h"
 
 #include <QDir>
+#include <QFileInfo>
 
 #include <cmath>
 
@@ -84,8 +85,12 @@ QCoro::Task<> AppController::startTask(RecordingSource source, bool video)
     std::optional<Recording> created;
     std::optional<CaptureFailure> failure;
     std::unique_ptr<CaptureEngine> engine;
-    auto made = m_parts.store.create(source, video);
-    if (!made) {
+    const std::optional<QString> noRoom = lackOfSpace(video);
+    auto made =
+        noRoom ? expected<Recording, StoreError>(unexpected(StoreError{})) : m_parts.store.create(source, video);
+    if (noRoom) {
+        failure = CaptureFailure::other(*noRoom);
+    } else if (!made) {
         failure = CaptureFailure::other(made.error().description());
     } else {
         created = *made;
@@ -178,11 +183,13 @@ QCoro::Task<> AppController::stopTask()
     const QUuid id = m_active->id;
     Recording record = m_parts.store.recording(id).value_or(*m_active);
     record.duration = m_elapsed;
-    record.hasMeetingTrack = result.meeting;
-    record.hasMicrophoneTrack = result.microphone;
+    // A writer that failed late (a full disk) still left its fragments up to then: those are kept.
+    record.hasMeetingTrack = result.meeting || sourceHoldsAudio(record, kMeetingTrackFileName);
+    record.hasMicrophoneTrack = result.microphone || sourceHoldsAudio(record, kMicrophoneTrackFileName);
     record.hasVideo = result.screen;
     record.state = ProcessingState::processing;
-    m_parts.store.save(record);
+    // The tracks are on disk whatever happens to this write; a later start finishes them if it failed.
+    saveOrSay(record);
     if (result.droppedSamples > 0)
         logLine(QStringLiteral("%1 samples of “%2” were dropped while capturing")
                     .arg(result.droppedSamples)
@@ -266,6 +273,54 @@ void AppController::startTicker()
     });
 }
 
+bool AppController::sourceHoldsAudio(const Recording &record, const char *fileName)
+{
+    // A fragmented track that holds only its header is about a kilobyte; anything past this has fragments.
+    constexpr qint64 headerOnly = 16 * 1024;
+    const QFileInfo track(QDir(record.folderPath()).filePath(QLatin1String(kSourceFolderName)) + u'/' +
+                          QLatin1String(fileName));
+    return track.isFile() && track.size() > headerOnly;
+}
+
+std::optional<QString> AppController::lackOfSpace(bool video) const
+{
+    const std::optional<qint64> free = m_parts.freeSpace ? m_parts.freeSpace(m_parts.store.rootPath()) : std::nullopt;
+    if (!free)
+        return std::nullopt;
+    const qint64 needed =
+        DiskSpace::bytesPerSecond(m_parts.settings.audioQuality(), video, m_parts.settings.videoFrameRate()) *
+        std::chrono::seconds(DiskSpace::kStartReserve).count();
+    if (*free >= std::max(needed, DiskSpace::kFloorBytes))
+        return std::nullopt;
+    return tr("There isn't enough free space to record: %1 is free on the library's disk, and 10 minutes need "
+              "about %2. Free some space or choose another library folder in Settings.")
+        .arg(DiskSpace::sizeText(*free), DiskSpace::sizeText(std::max(needed, DiskSpace::kFloorBytes)));
+}
+
+void AppController::watchFreeSpace()
+{
+    // Every 5 s: the check is a statfs call, and two minutes of reserve leave plenty of time between checks.
+    constexpr int ticksBetweenChecks = 10;
+    if (m_phase != Phase::recording || ++m_ticksSinceSpaceCheck < ticksBetweenChecks || !m_parts.freeSpace)
+        return;
+    m_ticksSinceSpaceCheck = 0;
+    const std::optional<qint64> free = m_parts.freeSpace(m_parts.store.rootPath());
+    if (!free)
+        return;
+    const bool video = m_active && m_active->hasVideo;
+    const qint64 floor =
+        std::max(DiskSpace::kFloorBytes,
+                 DiskSpace::bytesPerSecond(m_parts.settings.audioQuality(), video, m_parts.settings.videoFrameRate()) *
+                     std::chrono::seconds(DiskSpace::kStopReserve).count());
+    if (*free >= floor)
+        return;
+    logLine(QStringLiteral("stopping the recording: %1 left on the library's disk").arg(DiskSpace::sizeText(*free)));
+    setErrorMessage(tr("Recording stopped and saved because the disk is almost full (%1 free). Free some space "
+                       "before recording again.")
+                        .arg(DiskSpace::sizeText(*free)));
+    stopRecording();
+}
+
 void AppController::tick()
 {
     if (m_startedAt) {
@@ -279,6 +334,7 @@ void AppController::tick()
         }
     }
     syncZoomMute();
+    watchFreeSpace();
 }
 
 std::optional<std::uint32_t> AppController::videoDisplay() const

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "capture/diskspace.h"
 #include "drive/drivesync.h"
 #include "library/recording.h"
+#include "library/recordingstore.h"
 #include "library/settingsvalues.h"
 #include "meeting/ticker.h"
 
@@ -48,6 +50,8 @@ struct ControllerParts {
     ScreenSource *screens = nullptr;          // lists displays for the video choice; none without a display
     DriveSync::Places drivePlaces = {};
     std::function<QDateTime()> now = [] { return QDateTime::currentDateTimeUtc(); };
+    // Bytes free on the disk that holds a path; nothing when unknown (which never stops a recording).
+    std::function<std::optional<qint64>(const QString &)> freeSpace = DiskSpace::freeBytes;
     TickerFactory tickers = makeQtTicker;
 };
 
@@ -123,8 +127,9 @@ public:
     QCoro::Task<> transcribe(QUuid id, std::optional<TranscriptionProvider> provider = std::nullopt);
     QCoro::Task<> syncToDrive(QUuid id);
     QCoro::Task<> syncAllToDrive();
-    void renameSpeaker(const QString &label, const QString &name, const Recording &recording);
-    void rename(const Recording &recording, const QString &title);
+    // Both fail, changing nothing, when the recording's files can't be written.
+    expected<void, SaveError> renameSpeaker(const QString &label, const QString &name, const Recording &recording);
+    expected<void, SaveError> rename(const Recording &recording, const QString &title);
 
     // The label shown beside a recording while it is being worked on.
     static QString savingLabel();
@@ -163,8 +168,17 @@ private:
     void syncZoomMute();
     void startTicker();
     void tick();
+    // Stops and saves the capture when the disk is about to fill; checked every few seconds by the ticker.
+    void watchFreeSpace();
+    // The sentence refusing a start when the library's disk can't hold a useful recording; nothing when it can.
+    std::optional<QString> lackOfSpace(bool video) const;
+    // A track the capture wrote some audio into, whatever the capture reported when it stopped.
+    static bool sourceHoldsAudio(const Recording &record, const char *fileName);
     std::optional<std::uint32_t> videoDisplay() const;
     void resetRecordingState();
+
+    // Saves through the store; a failure becomes the error message (the store has logged it). True when saved.
+    bool saveOrSay(const Recording &recording);
 
     void setPhase(Phase phase);
     void setPaused(bool paused);
@@ -202,6 +216,7 @@ private:
     double m_pausedTotal = 0;
     std::optional<QDateTime> m_pauseBegan;
     std::unique_ptr<Ticker> m_ticker;
+    int m_ticksSinceSpaceCheck = 0;
     bool m_askedForAccessibility = false;
 };
 

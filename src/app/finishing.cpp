@@ -66,7 +66,7 @@ QCoro::Task<> AppController::finalize(QUuid id, bool recovered)
     const auto fail = [this, id](Recording failed, const QString &title, const QString &text) {
         failed.state = ProcessingState::failed;
         failed.lastError = text;
-        m_parts.store.save(failed);
+        saveOrSay(failed);
         m_parts.notifier.post(title, text);
         setActivity(id, std::nullopt);
     };
@@ -108,7 +108,10 @@ QCoro::Task<> AppController::finalize(QUuid id, bool recovered)
     record->mediaFileName = fileName;
     record->duration = seconds;
     record->state = ProcessingState::ready;
-    m_parts.store.save(*record);
+    if (!saveOrSay(*record)) {
+        setActivity(id, std::nullopt);
+        co_return;
+    }
     m_parts.notifier.postAbout(tr("Recording saved"),
                                record->title + QStringLiteral(" \u00b7 ") + Formatters::duration(seconds), id);
 
@@ -135,7 +138,8 @@ QCoro::Task<> AppController::transcribe(QUuid id, std::optional<TranscriptionPro
         co_return;
     record->transcriptState = TranscriptState::running;
     record->lastError.reset();
-    m_parts.store.save(*record);
+    if (!saveOrSay(*record))
+        co_return;
     setActivity(id, transcribingLabel());
     QLockFile running(transcriptionLockPath(*record));
     running.tryLock(0);
@@ -156,13 +160,13 @@ QCoro::Task<> AppController::transcribe(QUuid id, std::optional<TranscriptionPro
         co_return;
     }
     if (result) {
-        m_parts.store.saveTranscript(*result, *record);
-        record = m_parts.store.recording(id);
-        if (record) {
-            record->transcriptState = TranscriptState::done;
-            record->transcriptEngine = result->engine;
-            m_parts.store.save(*record);
-        }
+        if (const auto saved = m_parts.store.saveTranscript(*result, *record); !saved)
+            result = unexpected(TranscriptionError::file(record->folderPath(), saved.error().reason));
+    }
+    if (result) {
+        record->transcriptState = TranscriptState::done;
+        record->transcriptEngine = result->engine;
+        saveOrSay(*record);
         bumpTranscriptRevision();
         m_parts.notifier.postAbout(tr("Transcript ready"), record ? record->title : QString(), id);
         if (m_parts.settings.driveSyncEnabled()) {
@@ -175,7 +179,7 @@ QCoro::Task<> AppController::transcribe(QUuid id, std::optional<TranscriptionPro
         const QString text = result.error().description();
         record->transcriptState = TranscriptState::failed;
         record->lastError = text;
-        m_parts.store.save(*record);
+        saveOrSay(*record);
         m_parts.notifier.post(tr("Transcription failed"), text);
     }
     setActivity(id, std::nullopt);
@@ -202,10 +206,10 @@ QCoro::Task<> AppController::syncToDrive(QUuid id)
             fresh->driveSyncedAt = m_parts.now();
             if (fresh->transcriptState != TranscriptState::failed)
                 fresh->lastError.reset();
-            m_parts.store.save(*fresh);
+            saveOrSay(*fresh);
         } else {
             fresh->lastError = copied.error().description();
-            m_parts.store.save(*fresh);
+            saveOrSay(*fresh);
             m_parts.notifier.post(tr("Google Drive sync failed"), copied.error().description());
         }
     }
@@ -226,30 +230,36 @@ QCoro::Task<> AppController::syncAllToDrive()
     }
 }
 
-void AppController::renameSpeaker(const QString &label, const QString &name, const Recording &recording)
+expected<void, SaveError> AppController::renameSpeaker(const QString &label, const QString &name,
+                                                       const Recording &recording)
 {
     std::optional<Transcript> transcript = m_parts.store.transcript(recording);
     if (!transcript)
-        return;
+        return {};
     transcript->speakerNames.insert(label, name);
-    m_parts.store.saveTranscript(*transcript, recording);
+    if (auto saved = m_parts.store.saveTranscript(*transcript, recording); !saved)
+        return saved;
     bumpTranscriptRevision();
     if (m_parts.settings.driveSyncEnabled() && recording.driveSyncedAt)
         syncToDrive(recording.id);
+    return {};
 }
 
-void AppController::rename(const Recording &recording, const QString &title)
+expected<void, SaveError> AppController::rename(const Recording &recording, const QString &title)
 {
     const QString trimmed = trimSpacesAndTabs(title);
     if (trimmed.isEmpty())
-        return;
+        return {};
     std::optional<Recording> record = m_parts.store.recording(recording.id);
     if (!record)
-        return;
+        return {};
     record->title = trimmed;
-    m_parts.store.save(*record);
+    if (auto saved = m_parts.store.save(*record); !saved)
+        return saved;
+    // The exports carry the title; transcript.json doesn't, so a failure here leaves nothing inconsistent.
     if (const std::optional<Transcript> transcript = m_parts.store.transcript(*record))
-        m_parts.store.saveTranscript(*transcript, *record);
+        (void)m_parts.store.saveTranscript(*transcript, *record);
+    return {};
 }
 
 void AppController::recoverInterruptedRecordings()
@@ -264,7 +274,7 @@ void AppController::recoverInterruptedRecordings()
                 record.transcriptState = TranscriptState::failed;
                 record.lastError = tr("The transcription was interrupted before it finished. Transcribe again to "
                                       "retry.");
-                m_parts.store.save(record);
+                saveOrSay(record);
             }
         }
         if (record.state != ProcessingState::recording && record.state != ProcessingState::processing)
@@ -279,9 +289,17 @@ void AppController::recoverInterruptedRecordings()
         record.hasMicrophoneTrack = sourceExists(record, kMicrophoneTrackFileName);
         record.hasVideo = record.hasVideo && sourceExists(record, kScreenTrackFileName);
         record.state = ProcessingState::processing;
-        m_parts.store.save(record);
-        finalize(record.id, true);
+        if (saveOrSay(record))
+            finalize(record.id, true);
     }
+}
+
+bool AppController::saveOrSay(const Recording &recording)
+{
+    const auto saved = m_parts.store.save(recording);
+    if (!saved)
+        setErrorMessage(saved.error().description());
+    return bool(saved);
 }
 
 void AppController::setActivity(const QUuid &id, std::optional<QString> label)

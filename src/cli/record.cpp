@@ -44,11 +44,15 @@ QCoro::Task<int> Session::record(Invocation invocation)
     bool stopAsked = false;
     QMetaObject::Connection stopping;
     if (m_stops) {
-        stopping = QObject::connect(m_stops, &StopSignals::received, m_stops, [this, &stopAsked, &control](int) {
+        stopping = QObject::connect(m_stops, &StopSignals::received, m_stops, [this, &stopAsked, &control](int number) {
             if (!stopAsked && (control.phase() == Phase::starting || control.phase() == Phase::recording)) {
                 stopAsked = true;
                 return;
             }
+            // Only a person pressing Ctrl-C again means "don't wait"; a closed terminal or a service manager
+            // repeating itself still gets the recording saved.
+            if (number != SIGINT)
+                return;
             // Asked twice: leave now. The recording is on disk as "processing" and the next start finishes it.
             m_console.error(tr("Quitting without waiting; the recording is finished the next time Quillmoor starts."));
             std::_Exit(128 + SIGINT);

@@ -14,6 +14,7 @@
 #include <QCoroTimer>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -215,11 +216,32 @@ QCoro::Task<> Session::followRecording(QUuid id)
 std::optional<Recording> Session::resolve(const QString &reference)
 {
     auto found = resolveRecording(reference, m_app.store().recordings());
-    if (!found) {
-        m_console.error(found.error());
-        return std::nullopt;
+    if (found)
+        return *found;
+    // A folder that is there but can't be read is named as such rather than "no match".
+    const QString wanted = QFileInfo(reference).fileName().isEmpty() ? reference : QFileInfo(reference).fileName();
+    for (const UnreadableFolder &folder : m_app.store().unreadable()) {
+        if (folder.name == wanted || folder.name == reference) {
+            m_console.error(tr("%1 can't be read: %2").arg(quoted(folder.name), folder.reason));
+            return std::nullopt;
+        }
     }
-    return *found;
+    m_console.error(found.error());
+    reportUnreadable();
+    return std::nullopt;
+}
+
+void Session::reportUnreadable()
+{
+    const QList<UnreadableFolder> &unreadable = m_app.store().unreadable();
+    if (unreadable.isEmpty())
+        return;
+    QStringList names;
+    for (const UnreadableFolder &folder : unreadable)
+        names.append(quoted(folder.name) + QStringLiteral(" (") + folder.reason + u')');
+    m_console.error(
+        QCoreApplication::translate("qm::cli", "%n folder(s) couldn't be read: ", nullptr, int(unreadable.size())) +
+        names.join(QStringLiteral("; ")));
 }
 
 int Session::reportRecording(const QUuid &id)
@@ -262,6 +284,7 @@ int Session::reportRecording(const QUuid &id)
 QCoro::Task<int> Session::list(Invocation invocation)
 {
     const QList<Recording> &recordings = m_app.store().recordings();
+    const QList<UnreadableFolder> &unreadable = m_app.store().unreadable();
     if (invocation.json) {
         QJsonArray array;
         for (const Recording &recording : recordings) {
@@ -269,13 +292,23 @@ QCoro::Task<int> Session::list(Invocation invocation)
             object.insert(QStringLiteral("folder"), recording.folderPath());
             array.append(object);
         }
-        m_console.raw(QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Indented)));
+        QJsonArray skipped;
+        for (const UnreadableFolder &folder : unreadable)
+            skipped.append(QJsonObject{{QStringLiteral("folder"), QDir(m_app.store().rootPath()).filePath(folder.name)},
+                                       {QStringLiteral("reason"), folder.reason}});
+        const QJsonObject all{{QStringLiteral("recordings"), array}, {QStringLiteral("unreadable"), skipped}};
+        m_console.raw(QString::fromUtf8(QJsonDocument(all).toJson(QJsonDocument::Indented)));
         co_return kSuccess;
     }
-    if (recordings.isEmpty()) {
+    if (recordings.isEmpty() && unreadable.isEmpty()) {
         m_console.line(tr("No recordings in %1 yet.").arg(m_app.store().rootPath()));
         co_return kSuccess;
     }
+    if (recordings.isEmpty()) {
+        reportUnreadable();
+        co_return kSuccess;
+    }
+    const int titleWidth = Console::outputWidth() > 0 ? std::max(12, Console::outputWidth() - 45) : 0;
     m_console.line(QStringLiteral("%1  %2  %3  %4  %5")
                        .arg(tr("ID"), -8)
                        .arg(tr("STATE"), -9)
@@ -288,8 +321,9 @@ QCoro::Task<int> Session::list(Invocation invocation)
                            .arg(stateText(recording), -9)
                            .arg(transcriptText(recording), -10)
                            .arg(Formatters::duration(recording.duration), 8)
-                           .arg(recording.title));
+                           .arg(fitted(recording.title, titleWidth)));
     }
+    reportUnreadable();
     co_return kSuccess;
 }
 
@@ -413,7 +447,10 @@ QCoro::Task<int> Session::rename(Invocation invocation)
     const std::optional<Recording> record = resolve(invocation.recording);
     if (!record)
         co_return kFailure;
-    controller().rename(*record, invocation.title);
+    if (const auto renamed = controller().rename(*record, invocation.title); !renamed) {
+        m_console.error(renamed.error().description());
+        co_return kFailure;
+    }
     const std::optional<Recording> after = m_app.store().recording(record->id);
     m_console.line(tr("Renamed to %1.").arg(quoted(after ? after->title : invocation.title)));
     co_return kSuccess;
@@ -445,7 +482,10 @@ QCoro::Task<int> Session::renameSpeaker(Invocation invocation)
                             .arg(quoted(invocation.speaker), quoted(record->title), known.join(QStringLiteral(", "))));
         co_return kFailure;
     }
-    controller().renameSpeaker(label, invocation.newName.trimmed(), *record);
+    if (const auto renamed = controller().renameSpeaker(label, invocation.newName.trimmed(), *record); !renamed) {
+        m_console.error(renamed.error().description());
+        co_return kFailure;
+    }
     m_console.line(tr("%1 is now %2.").arg(quoted(label), quoted(invocation.newName.trimmed())));
     co_return kSuccess;
 }

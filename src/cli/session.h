@@ -45,6 +45,8 @@ private:
     QCoro::Task<> followRecording(QUuid id);
     // Prints the outcome of a recording that went through the pipeline; the exit code it deserves.
     int reportRecording(const QUuid &id);
+    // Names the library's folders that couldn't be read, on standard error; nothing when there are none.
+    void reportUnreadable();
     // The recording a command names, or nothing after printing why not.
     std::optional<Recording> resolve(const QString &reference);
 

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace qm::cli {
@@ -15,6 +16,7 @@ namespace qm::cli {
 namespace {
 
 constexpr qint64 kMeterLineInterval = 5000; // ms between meter lines when not on a terminal
+constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 int g_signalPipe = -1;
 
@@ -43,16 +45,41 @@ bool Console::statusIsTerminal()
     return ::isatty(STDERR_FILENO) == 1;
 }
 
+QString printable(const QString &text)
+{
+    QString out = text;
+    for (QChar &c : out) {
+        if (c != u'\n' && c != u'\t' && (c.category() == QChar::Other_Control || c == QChar(0x7f)))
+            c = u'?';
+    }
+    return out;
+}
+
+QString fitted(const QString &text, int width)
+{
+    if (width <= 0 || text.size() <= width)
+        return text;
+    return text.left(std::max(0, width - 1)) + u'…';
+}
+
+int Console::outputWidth()
+{
+    winsize size = {};
+    if (::isatty(STDOUT_FILENO) != 1 || ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0)
+        return 0;
+    return size.ws_col;
+}
+
 void Console::line(const QString &text)
 {
     endStatus();
-    write(stdout, text + u'\n');
+    write(stdout, printable(text) + u'\n');
 }
 
 void Console::error(const QString &text)
 {
     endStatus();
-    write(stderr, text + u'\n');
+    write(stderr, printable(text) + u'\n');
 }
 
 void Console::raw(const QString &text)
@@ -67,7 +94,7 @@ void Console::status(const QString &text, bool important)
         if (text == m_lastStatus && m_statusOpen)
             return;
         // Carriage return, the text, then erase whatever a longer earlier line left on the right.
-        write(stderr, u'\r' + text + QStringLiteral("\x1b[K"));
+        write(stderr, u'\r' + printable(text) + QStringLiteral("\x1b[K"));
         m_statusOpen = true;
         m_lastStatus = text;
         return;
@@ -76,7 +103,7 @@ void Console::status(const QString &text, bool important)
         return;
     if (!important && m_sincePrinted.isValid() && m_sincePrinted.elapsed() < kMeterLineInterval)
         return;
-    write(stderr, text + u'\n');
+    write(stderr, printable(text) + u'\n');
     m_lastStatus = text;
     m_sincePrinted.start();
 }
@@ -119,14 +146,16 @@ StopSignals::StopSignals(QObject *parent) : QObject(parent)
     action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    for (int signal : kStopSignals)
+        sigaction(signal, &action, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
 }
 
 StopSignals::~StopSignals()
 {
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
+    for (int signal : kStopSignals)
+        std::signal(signal, SIG_DFL);
+    std::signal(SIGPIPE, SIG_DFL);
     g_signalPipe = -1;
     m_notifier.reset();
     for (int end : m_pipe) {

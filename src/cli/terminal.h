@@ -34,6 +34,8 @@ public:
     void endStatus();
 
     bool isTerminal() const { return m_terminal; }
+    // The width of the terminal standard output goes to, or 0 when it isn't one.
+    static int outputWidth();
 
 private:
     bool m_terminal;
@@ -42,14 +44,21 @@ private:
     QElapsedTimer m_sincePrinted;
 };
 
+// `text` with every control character but line breaks and tabs shown as "?", so that text read from files (a
+// title, a speaker's name) can't move the cursor, retitle the window or recolour the terminal.
+QString printable(const QString &text);
+// `text` cut to `width` characters with an ellipsis; unchanged when `width` is 0.
+QString fitted(const QString &text, int width);
+
 // "mic [####------]": a level between 0 and 1 drawn as a ten-cell bar.
 QString levelBar(const QString &name, float level);
 // "1:05", "1:02:03"
 QString elapsedText(double seconds);
 
-// Turns SIGINT and SIGTERM into a Qt signal on the main thread. The handler only writes the signal's number to
-// a pipe; a socket notifier reads it in the event loop. One instance at a time; the default handling of both
-// signals is restored when it is destroyed.
+// Turns SIGINT, SIGTERM and SIGHUP (the terminal closed) into a Qt signal on the main thread, and ignores SIGPIPE
+// (output to a reader that went away) meanwhile. The handler only writes the signal's number to a pipe; a socket
+// notifier reads it in the event loop. One instance at a time; the default handling is restored when it is
+// destroyed.
 class StopSignals : public QObject {
     Q_OBJECT
 

@@ -1,5 +1,6 @@
 #include "drive/drivesync.h"
 
+#include "library/recordingstore.h"
 #include "library/textutil.h"
 #include "library/transcript.h"
 
@@ -66,9 +67,17 @@ expected<void, QString> copyFile(const QString &sourcePath, const QString &targe
 QString SyncError::description() const
 {
     const auto tr = [](const char *text) { return QCoreApplication::translate("DriveSync", text); };
-    if (kind == Kind::driveNotFound)
+    switch (kind) {
+    case Kind::driveNotFound:
         return tr("No Google Drive folder was found. Connect Google Drive with rclone, Insync or your desktop's "
                   "online accounts, or choose your Drive folder in Settings.");
+    case Kind::refused:
+        return tr("Nothing was copied to Google Drive: ") + reason;
+    case Kind::nothingToCopy:
+        return tr("Nothing was copied to Google Drive: “%1” has no media file or transcript to copy yet.").arg(path);
+    case Kind::fileSystem:
+        break;
+    }
     if (operation == Operation::createFolder)
         return tr("Couldn't create the folder “%1” in Google Drive: %2.").arg(path, withoutFinalStop(reason));
     return tr("Couldn't copy “%1” to Google Drive: %2.").arg(QFileInfo(path).fileName(), withoutFinalStop(reason));
@@ -98,13 +107,26 @@ expected<void, SyncError> syncBlocking(const Recording &recording, const DriveOp
     const QString folder = QDir::cleanPath(recording.folderPath());
     const QString destination = QDir::cleanPath(base + QLatin1Char('/') + QFileInfo(folder).fileName());
 
-    QStringList sources;
+    // Every name is checked to be a regular file inside the recording's folder: a name or a link that leads out
+    // would copy someone else's file into the cloud.
+    QStringList names;
     if (options.driveIncludeMedia && recording.mediaFileName && !recording.mediaFileName->isEmpty())
-        sources.append(folder + QLatin1Char('/') + *recording.mediaFileName);
-    if (options.driveIncludeTranscript) {
-        sources.append(folder + QLatin1Char('/') + QLatin1String(kTranscriptMarkdownFileName));
-        sources.append(folder + QLatin1Char('/') + QLatin1String(kTranscriptTextFileName));
+        names.append(*recording.mediaFileName);
+    if (options.driveIncludeTranscript)
+        names << QLatin1String(kTranscriptMarkdownFileName) << QLatin1String(kTranscriptTextFileName);
+    QStringList sources;
+    for (const QString &name : std::as_const(names)) {
+        const bool present = QFileInfo::exists(folder + QLatin1Char('/') + name) ||
+                             QFileInfo(folder + QLatin1Char('/') + name).isSymLink();
+        if (!present)
+            continue;
+        const auto inside = RecordingStore::fileInside(recording, name);
+        if (!inside)
+            return unexpected(SyncError::refused(inside.error()));
+        sources.append(*inside);
     }
+    if (sources.isEmpty() && !names.isEmpty())
+        return unexpected(SyncError::nothingToCopy(recording.title));
 
     std::error_code made;
     std::filesystem::create_directories(std::filesystem::path(QFile::encodeName(destination).toStdString()), made);
@@ -113,8 +135,6 @@ expected<void, SyncError> syncBlocking(const Recording &recording, const DriveOp
                                                 QString::fromStdString(made.message())));
 
     for (const QString &source : std::as_const(sources)) {
-        if (!QFileInfo::exists(source))
-            continue;
         const QString target = destination + QLatin1Char('/') + QFileInfo(source).fileName();
         // Removed rather than overwritten: rclone mounts refuse rewriting a file in place. A removal that fails
         // surfaces as the copy's failure.

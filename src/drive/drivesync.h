@@ -14,7 +14,7 @@ namespace qm {
 
 // Why a recording could not be copied to Google Drive.
 struct SyncError {
-    enum class Kind { driveNotFound, fileSystem };
+    enum class Kind { driveNotFound, fileSystem, refused, nothingToCopy };
     enum class Operation { createFolder, copyFile };
     Kind kind = Kind::driveNotFound;
     // For fileSystem: what was refused, on which path (the folder to create, or the source file to copy), and
@@ -24,6 +24,13 @@ struct SyncError {
     QString reason;
 
     static SyncError driveNotFound() { return {}; }
+    // A file of the recording that mustn't be copied (a link out of its folder); `reason` says which and why.
+    static SyncError refused(QString reason) { return {Kind::refused, Operation::copyFile, {}, std::move(reason)}; }
+    // None of the chosen files exists yet; `path` is the recording's title.
+    static SyncError nothingToCopy(QString title)
+    {
+        return {Kind::nothingToCopy, Operation::copyFile, std::move(title), {}};
+    }
     static SyncError fileSystem(Operation operation, QString path, QString reason)
     {
         return {Kind::fileSystem, operation, std::move(path), std::move(reason)};

@@ -21,6 +21,10 @@ QString DecodeError::description() const
     case Kind::unknownValue:
         return QCoreApplication::translate("JsonCoding", "The file's “%1” has a value this version doesn't know.")
             .arg(key);
+    case Kind::notAPlainName:
+        return QCoreApplication::translate("JsonCoding",
+                                           "The file's “%1” isn't the name of a file in the recording's folder.")
+            .arg(key);
     }
     return {};
 }
@@ -157,6 +161,12 @@ QString dateText(const QDateTime &when)
     return utc.toString(Qt::ISODate);
 }
 
+bool isPlainFileName(const QString &name)
+{
+    return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..") && !name.contains(u'/') &&
+           !name.contains(u'\\') && !name.contains(QChar(0));
+}
+
 QString uuidText(const QUuid &id)
 {
     return id.toString(QUuid::WithoutBraces).toUpper();
@@ -224,6 +234,8 @@ expected<Recording, DecodeError> decodeRecording(const QByteArray &json)
     r.startedAt = in.date(QStringLiteral("startedAt"));
     r.duration = in.number(QStringLiteral("duration"));
     r.mediaFileName = in.optionalString(QStringLiteral("mediaFileName"));
+    if (r.mediaFileName && !isPlainFileName(*r.mediaFileName))
+        return Fail(DecodeError{DecodeError::Kind::notAPlainName, QStringLiteral("mediaFileName")});
     r.hasVideo = in.flag(QStringLiteral("hasVideo"));
     r.hasMicrophoneTrack = in.flag(QStringLiteral("hasMicrophoneTrack"));
     r.hasMeetingTrack = in.flag(QStringLiteral("hasMeetingTrack"));

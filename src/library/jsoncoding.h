@@ -11,7 +11,7 @@ namespace qm {
 
 // Why a library file could not be read. The folder holding it is then left out of the library, untouched.
 struct DecodeError {
-    enum class Kind { notAnObject, missingKey, wrongType, unknownValue };
+    enum class Kind { notAnObject, missingKey, wrongType, unknownValue, notAPlainName };
     Kind kind = Kind::notAnObject;
     QString key; // the offending key, empty for notAnObject
 
@@ -30,6 +30,9 @@ expected<Recording, DecodeError> decodeRecording(const QByteArray &json);
 expected<Transcript, DecodeError> decodeTranscript(const QByteArray &json);
 
 QString dateText(const QDateTime &when);
+// A file name read from a library file names a file in the recording's own folder: one path component, not "."
+// or "..", without separators or NUL.
+bool isPlainFileName(const QString &name);
 QString uuidText(const QUuid &id);
 
 } // namespace JsonCoding

@@ -11,7 +11,11 @@
 #include <QSaveFile>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+
+#include <unistd.h>
 
 namespace qm {
 
@@ -21,16 +25,31 @@ QString StoreError::description() const
         .arg(path, reason);
 }
 
-bool writeFileAtomically(const QString &path, const QByteArray &bytes)
+QString SaveError::description() const
+{
+    return QCoreApplication::translate("RecordingStore", "Couldn't save “%1”: %2").arg(title, reason);
+}
+
+expected<void, QString> writeFileAtomically(const QString &path, const QByteArray &bytes)
 {
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly))
-        return false;
-    if (file.write(bytes) != bytes.size()) {
+        return unexpected(file.errorString());
+    // A full disk may accept the bytes into the cache and refuse them only when they reach it; flushing and
+    // syncing the temporary file first makes that refusal come before the rename, not after.
+    if (file.write(bytes) != bytes.size() || !file.flush()) {
+        const QString reason = file.errorString();
         file.cancelWriting();
-        return false;
+        return unexpected(reason);
     }
-    return file.commit();
+    if (::fsync(file.handle()) != 0) {
+        const QString reason = QString::fromLocal8Bit(std::strerror(errno));
+        file.cancelWriting();
+        return unexpected(reason);
+    }
+    if (!file.commit())
+        return unexpected(file.errorString());
+    return {};
 }
 
 QString expandHome(const QString &path)
@@ -60,6 +79,7 @@ void RecordingStore::reload()
     QDir().mkpath(root);
 
     QList<Recording> found;
+    QList<UnreadableFolder> unreadable;
     const QDir dir(root);
     // No sorting here: equal start times keep the listing order, the stable sort below does the rest.
     const QStringList entries = dir.entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::NoSort);
@@ -67,14 +87,28 @@ void RecordingStore::reload()
     for (const QString &entry : entries) {
         const QString folder = dir.filePath(entry);
         QFile file(folder + u'/' + QLatin1String(kMetadataFileName));
-        if (!file.open(QIODevice::ReadOnly))
+        if (!file.exists())
             continue;
-        auto decoded = JsonCoding::decodeRecording(file.readAll());
-        if (!decoded)
+        if (file.size() > kLibraryFileSizeLimit) {
+            unreadable.append(
+                {entry, QCoreApplication::translate("RecordingStore", "its recording.json is too large")});
             continue;
+        }
+        if (!file.open(QIODevice::ReadOnly)) {
+            unreadable.append({entry, file.errorString()});
+            continue;
+        }
+        auto decoded = JsonCoding::decodeRecording(file.read(kLibraryFileSizeLimit));
+        if (!decoded) {
+            unreadable.append({entry, decoded.error().description()});
+            continue;
+        }
         decoded->folder = QUrl::fromLocalFile(folder);
         found.append(std::move(*decoded));
     }
+    std::sort(unreadable.begin(), unreadable.end(),
+              [](const UnreadableFolder &a, const UnreadableFolder &b) { return a.name < b.name; });
+    m_unreadable = std::move(unreadable);
     std::stable_sort(found.begin(), found.end(),
                      [](const Recording &a, const Recording &b) { return a.startedAt > b.startedAt; });
 
@@ -108,14 +142,21 @@ expected<Recording, StoreError> RecordingStore::create(RecordingSource source, b
     recording.startedAt = now;
     recording.hasVideo = video;
     recording.folder = QUrl::fromLocalFile(candidate);
-    save(recording);
+    if (auto saved = save(recording); !saved) {
+        QDir(candidate).removeRecursively();
+        return unexpected(StoreError{candidate, saved.error().reason});
+    }
     return recording;
 }
 
-void RecordingStore::save(const Recording &recording)
+expected<void, SaveError> RecordingStore::save(const Recording &recording)
 {
-    writeFileAtomically(QDir(recording.folderPath()).filePath(QLatin1String(kMetadataFileName)),
-                        JsonCoding::encode(recording));
+    const auto written = writeFileAtomically(QDir(recording.folderPath()).filePath(QLatin1String(kMetadataFileName)),
+                                             JsonCoding::encode(recording));
+    if (!written) {
+        logLine(QStringLiteral("couldn't save %1: %2").arg(recording.folderPath(), written.error()));
+        return unexpected(SaveError{recording.title, written.error()});
+    }
 
     const auto it = std::find_if(m_recordings.begin(), m_recordings.end(),
                                  [&](const Recording &r) { return r.id == recording.id; });
@@ -129,6 +170,7 @@ void RecordingStore::save(const Recording &recording)
         endInsertRows();
     }
     Q_EMIT recordingsChanged();
+    return {};
 }
 
 void RecordingStore::deleteRecording(const Recording &recording)
@@ -160,21 +202,55 @@ std::optional<Recording> RecordingStore::recording(const QUuid &id) const
     return std::nullopt;
 }
 
-void RecordingStore::saveTranscript(const Transcript &transcript, const Recording &recording)
+expected<void, SaveError> RecordingStore::saveTranscript(const Transcript &transcript, const Recording &recording)
 {
     const QDir folder(recording.folderPath());
-    writeFileAtomically(folder.filePath(QLatin1String(kTranscriptFileName)), JsonCoding::encode(transcript));
-    writeFileAtomically(folder.filePath(QLatin1String(kTranscriptMarkdownFileName)),
-                        transcript.markdown(recording).toUtf8());
-    writeFileAtomically(folder.filePath(QLatin1String(kTranscriptTextFileName)), transcript.plainText(true).toUtf8());
+    const auto written =
+        writeFileAtomically(folder.filePath(QLatin1String(kTranscriptFileName)), JsonCoding::encode(transcript));
+    if (!written) {
+        logLine(QStringLiteral("couldn't save the transcript of %1: %2").arg(recording.folderPath(), written.error()));
+        return unexpected(SaveError{recording.title, written.error()});
+    }
+    // The exports are made again from transcript.json whenever it changes; a failed one is only logged.
+    const QList<QPair<const char *, QByteArray>> exports{
+        {kTranscriptMarkdownFileName, transcript.markdown(recording).toUtf8()},
+        {kTranscriptTextFileName, transcript.plainText(true).toUtf8()}};
+    for (const auto &[name, bytes] : exports) {
+        if (const auto exported = writeFileAtomically(folder.filePath(QLatin1String(name)), bytes); !exported)
+            logLine(QStringLiteral("couldn't write %1 of %2: %3")
+                        .arg(QLatin1String(name), recording.folderPath(), exported.error()));
+    }
+    return {};
+}
+
+expected<QString, QString> RecordingStore::fileInside(const Recording &recording, const QString &name)
+{
+    const auto refuse = [&name](const char *why) {
+        return unexpected(QCoreApplication::translate("RecordingStore", why).arg(name));
+    };
+    if (!JsonCoding::isPlainFileName(name))
+        return refuse("“%1” isn't the name of a file in the recording's folder.");
+    const QString path = QDir(recording.folderPath()).filePath(name);
+    const QFileInfo info(path);
+    if (info.isSymLink()) {
+        const QString target = info.canonicalFilePath();
+        const QString folder = QFileInfo(recording.folderPath()).canonicalFilePath();
+        if (target.isEmpty() || folder.isEmpty() || !target.startsWith(folder + u'/'))
+            return refuse("“%1” is a link to a file outside the recording's folder, so it was left alone.");
+    }
+    if (!info.exists())
+        return refuse("“%1” is missing from the recording's folder.");
+    if (!info.isFile())
+        return refuse("“%1” in the recording's folder isn't a regular file.");
+    return path;
 }
 
 std::optional<Transcript> RecordingStore::transcript(const Recording &recording) const
 {
     QFile file(QDir(recording.folderPath()).filePath(QLatin1String(kTranscriptFileName)));
-    if (!file.open(QIODevice::ReadOnly))
+    if (file.size() > kLibraryFileSizeLimit || !file.open(QIODevice::ReadOnly))
         return std::nullopt;
-    auto decoded = JsonCoding::decodeTranscript(file.readAll());
+    auto decoded = JsonCoding::decodeTranscript(file.read(kLibraryFileSizeLimit));
     if (!decoded)
         return std::nullopt;
     return std::move(*decoded);

@@ -288,7 +288,7 @@ private Q_SLOTS:
 
         // Asked again while the recording isn't ready or is already transcribing: nothing happens.
         record.transcriptState = TranscriptState::running;
-        m_store->save(record);
+        QVERIFY(m_store->save(record));
         const int runs = m_engineRuns;
         QCoro::waitFor(controller->transcribe(record.id));
         QCOMPARE(m_engineRuns, runs);
@@ -355,7 +355,7 @@ private Q_SLOTS:
         Recording record = *made;
         record.state = ProcessingState::ready;
         record.transcriptState = TranscriptState::running;
-        m_store->save(record);
+        QVERIFY(m_store->save(record));
         {
             // Another run is still transcribing it: left alone.
             QLockFile busy(AppController::transcriptionLockPath(record));
@@ -421,7 +421,7 @@ private Q_SLOTS:
         segment.speaker = QStringLiteral("Speaker 1");
         segment.text = QStringLiteral("Hi.");
         transcript.segments = {segment};
-        m_store->saveTranscript(transcript, *made);
+        QVERIFY(m_store->saveTranscript(transcript, *made));
         controller->rename(*made, QStringLiteral("  Weekly sync\t"));
         QCOMPARE(m_store->recordings().first().title, QStringLiteral("Weekly sync"));
         controller->renameSpeaker(QStringLiteral("Speaker 1"), QStringLiteral("Dana"), m_store->recordings().first());

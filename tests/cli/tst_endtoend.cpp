@@ -119,7 +119,7 @@ class TestEndToEnd : public QObject {
         const auto list = quillmoor({u"list"_s, u"--json"_s});
         if (list->code() != 0)
             return {};
-        const QJsonArray all = QJsonDocument::fromJson(list->out).array();
+        const QJsonArray all = QJsonDocument::fromJson(list->out).object()[u"recordings"_s].toArray();
         return all.size() == 1 ? all.first().toObject() : QJsonObject();
     }
 
@@ -391,7 +391,7 @@ private Q_SLOTS:
         const auto list = quillmoor({u"list"_s, u"--json"_s});
         QVERIFY2(list->code() == 0, list->log().constData());
         QVERIFY(list->err.contains("Finishing an interrupted recording"));
-        const QJsonArray all = QJsonDocument::fromJson(list->out).array();
+        const QJsonArray all = QJsonDocument::fromJson(list->out).object()[u"recordings"_s].toArray();
         QCOMPARE(all.size(), 1);
         const QJsonObject record = all.first().toObject();
         QVERIFY2(record[u"state"_s].toString() == u"ready"_s, qPrintable(record[u"lastError"_s].toString()));
@@ -408,17 +408,17 @@ private Q_SLOTS:
         review.state = ProcessingState::ready;
         review.transcriptState = TranscriptState::done;
         review.duration = 4;
-        store.save(review);
+        QVERIFY(store.save(review));
         Recording planning = *store.create(RecordingSource::inPerson, false);
         planning.title = u"Roadmap planning"_s;
         planning.state = ProcessingState::ready;
-        store.save(planning);
+        QVERIFY(store.save(planning));
         Transcript transcript;
         transcript.engine = u"Deepgram"_s;
         transcript.createdAt = QDateTime::currentDateTimeUtc();
         transcript.segments = {{QUuid::createUuid(), 0.5, 2.0, u"Speaker 1"_s, u"Let's look at the roadmap."_s},
                                {QUuid::createUuid(), 2.5, 3.0, u"Me"_s, u"I agree."_s}};
-        store.saveTranscript(transcript, review);
+        QVERIFY(store.saveTranscript(transcript, review));
 
         const auto srt = quillmoor({u"export"_s, u"roadmap r"_s, u"--format"_s, u"srt"_s});
         QVERIFY2(srt->code() == 0, srt->log().constData());

@@ -165,21 +165,21 @@ private Q_SLOTS:
         Recording a = test::sampleRecording(test::writeRecordingFolder(m_root, QStringLiteral("a"), QByteArray()));
         Recording b = test::sampleRecording(test::writeRecordingFolder(m_root, QStringLiteral("b"), QByteArray()));
         b.startedAt = a.startedAt.addDays(1);
-        store->save(a);
-        store->save(b);
+        QVERIFY(store->save(a));
+        QVERIFY(store->save(b));
         QCOMPARE(store->recordings().first().id, b.id);
 
         // An older record not yet listed still goes first; the next reload sorts it into place.
         Recording old = test::sampleRecording(test::writeRecordingFolder(m_root, QStringLiteral("c"), QByteArray()));
         old.startedAt = a.startedAt.addDays(-10);
-        store->save(old);
+        QVERIFY(store->save(old));
         QCOMPARE(store->recordings().first().id, old.id);
 
         // A known record keeps its row even when its start changes.
         a.title = QStringLiteral("Renamed");
         a.startedAt = a.startedAt.addDays(30);
         QSignalSpy rowChanged(store.get(), &QAbstractItemModel::dataChanged);
-        store->save(a);
+        QVERIFY(store->save(a));
         QCOMPARE(store->count(), 3);
         QCOMPARE(store->recordings().at(2).title, QStringLiteral("Renamed"));
         QCOMPARE(rowChanged.count(), 1);
@@ -214,7 +214,7 @@ private Q_SLOTS:
         QVERIFY(made);
         Transcript transcript = test::sampleTranscript();
         transcript.speakerNames.insert(QStringLiteral("Speaker 1"), QStringLiteral("Dana"));
-        store->saveTranscript(transcript, *made);
+        QVERIFY(store->saveTranscript(transcript, *made));
 
         const QDir folder(made->folderPath());
         QCOMPARE(QString::fromUtf8(readFile(folder.filePath(QStringLiteral("Transcript.md")))),

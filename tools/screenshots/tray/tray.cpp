@@ -83,7 +83,7 @@ void fillLibrary(ControllerHarness &h)
         recording.transcriptState = i == 1 ? TranscriptState::failed : TranscriptState::done;
         if (i == 1)
             recording.lastError = QStringLiteral("Deepgram rejected the API key.");
-        h.store->save(recording);
+        (void)h.store->save(recording);
     }
 }
 
