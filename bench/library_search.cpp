@@ -11,6 +11,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <algorithm>
@@ -181,18 +182,29 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     // A smaller library can be asked for (a quick look); the figures that count are at the default size.
     const int recordings = argc > 1 ? std::max(10, QString::fromLocal8Bit(argv[1]).toInt()) : kRecordings;
-    QTemporaryDir dir;
-    if (!dir.isValid()) {
-        std::fprintf(stderr, "library_search: no temporary folder: %s\n", qUtf8Printable(dir.errorString()));
+    // A second argument keeps the library in that folder, made once and used again by later runs.
+    QTemporaryDir temporary;
+    const QString base = argc > 2 ? QString::fromLocal8Bit(argv[2]) : temporary.path();
+    if (base.isEmpty() || !QDir().mkpath(base)) {
+        std::fprintf(stderr, "library_search: no folder to work in\n");
         return 2;
     }
+    const QDir dir(base);
     const QString root = dir.filePath(QStringLiteral("Library"));
     const QString indexPath = dir.filePath(QStringLiteral("cache/search.sqlite"));
-    std::printf("building %d recordings with %d-word transcripts…\n", recordings, kSegments * kWordsPerSegment);
+    const bool kept = QFileInfo::exists(dir.filePath(QStringLiteral("complete")));
+    if (!kept)
+        QFile::remove(indexPath);
+    std::printf("%s %d recordings with %d-word transcripts…\n", kept ? "using" : "building", recordings,
+                kSegments * kWordsPerSegment);
     std::fflush(stdout);
-    if (!buildLibrary(root, recordings)) {
+    if (!kept && !buildLibrary(root, recordings)) {
         std::fprintf(stderr, "library_search: could not write the library under %s\n", qUtf8Printable(root));
         return 2;
+    }
+    if (!kept) {
+        QFile complete(dir.filePath(QStringLiteral("complete")));
+        complete.open(QIODevice::WriteOnly);
     }
     RecordingStore store([root] { return root; });
     store.reload();
@@ -255,7 +267,7 @@ int main(int argc, char **argv)
         const Recording &changed = store.recordings().at(recordings / 2);
         Transcript t = *store.transcript(changed);
         t.segments.first().text = QStringLiteral("A fresh quillfeather mention after re-transcription.");
-        store.saveTranscript(t, changed);
+        (void)store.saveTranscript(t, changed);
         search->transcriptsChanged();
         QList<QUuid> ids;
         const double after = timeQuery(*search, queries.first().text, &ids, store);

@@ -33,7 +33,8 @@ private:
     QAbstractItemModel &m_shown;
     int m_idRole;
     std::optional<QUuid> m_selected;
-    std::optional<std::optional<QUuid>> m_successor;
+    std::optional<std::optional<QUuid>> m_candidate; // the neighbour in the list, while it drops the selection
+    std::optional<std::optional<QUuid>> m_successor; // what to select once the store has dropped it
 };
 
 } // namespace qm::ui

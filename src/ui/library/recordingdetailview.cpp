@@ -326,7 +326,11 @@ void RecordingDetailView::refresh()
     if (activity != m_controller.activities().cend())
         facts.activity = *activity;
     facts.provider = m_controller.settings().provider();
-    facts.mediaExists = recording->mediaFileName && folder.exists(*recording->mediaFileName);
+    // Only a regular file inside the folder is played: the name comes from a file anyone could edit.
+    const std::optional<QString> media =
+        recording->mediaFileName ? RecordingStore::fileInside(*recording, *recording->mediaFileName).value_or(QString())
+                                 : std::optional<QString>();
+    facts.mediaExists = media && !media->isEmpty();
     for (const char *track : {kMeetingTrackFileName, kMicrophoneTrackFileName}) {
         if (folder.exists(QLatin1String(kSourceFolderName) + u'/' + QLatin1String(track)))
             facts.sourceTracksExist = true;
@@ -364,7 +368,7 @@ void RecordingDetailView::refresh()
     m_playbackNote->setText(state.playbackNote.value_or(QString()));
     if (state.showPlayer) {
         m_playerView->setShowsVideo(recording->hasVideo);
-        m_player->load(QUrl::fromLocalFile(folder.filePath(*recording->mediaFileName)));
+        m_player->load(QUrl::fromLocalFile(*media));
     } else if (m_player->loadedURL()) {
         m_player->unload();
     }

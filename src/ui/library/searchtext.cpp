@@ -1,6 +1,7 @@
 #include "ui/library/searchtext.h"
 
 #include "library/jsoncoding.h"
+#include "library/recordingstore.h"
 
 #include <QDir>
 #include <QFile>
@@ -84,10 +85,11 @@ std::optional<Snippet> findIn(const QString &text, const QString &foldedQuery, c
 
 std::optional<Transcript> readTranscript(const QString &folder)
 {
+    // Read as the store reads it, so that what the search sees is what the detail view shows.
     QFile file(QDir(folder).filePath(QLatin1String(kTranscriptFileName)));
-    if (!file.open(QIODevice::ReadOnly))
+    if (file.size() > kLibraryFileSizeLimit || !file.open(QIODevice::ReadOnly))
         return std::nullopt;
-    auto decoded = JsonCoding::decodeTranscript(file.readAll());
+    auto decoded = JsonCoding::decodeTranscript(file.read(kLibraryFileSizeLimit));
     if (!decoded)
         return std::nullopt;
     return std::move(*decoded);
