@@ -12,12 +12,33 @@
 #include <QApplication>
 #include <QProcess>
 
+#include <cstdio>
+#include <unistd.h>
+
 namespace {
 
 void nameApplication()
 {
     QCoreApplication::setApplicationName(QStringLiteral("Quillmoor"));
     QCoreApplication::setApplicationVersion(QStringLiteral(QM_VERSION));
+}
+
+// Without a session bus, libdbus and GLib would start one of their own (with an accessibility bus beside it)
+// that outlives this process. Pointing them at the place a session bus would be makes them fail fast instead.
+void withoutAutolaunchedBus()
+{
+    if (qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS"))
+        return;
+    const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
+    const QByteArray socket =
+        (runtime.isEmpty() ? QByteArray("/run/user/") + QByteArray::number(::getuid()) : runtime) + "/bus";
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + socket);
+}
+
+bool hasDisplay()
+{
+    return qEnvironmentVariableIsSet("DISPLAY") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY") ||
+           qEnvironmentVariableIsSet("QT_QPA_PLATFORM");
 }
 
 } // namespace
@@ -28,6 +49,7 @@ int main(int argc, char *argv[])
     for (int i = 0; i < argc; ++i)
         arguments.append(QString::fromLocal8Bit(argv[i]));
 
+    withoutAutolaunchedBus();
     // A command runs without a display; only the tray needs the windowing system.
     if (qm::cli::wantsCommandLine(arguments)) {
         QCoreApplication app(argc, argv);
@@ -35,6 +57,12 @@ int main(int argc, char *argv[])
         return qm::cli::run(QCoreApplication::arguments());
     }
 
+    if (!hasDisplay()) {
+        std::fputs("Quillmoor needs a desktop session to show its tray icon, and none was found (DISPLAY and "
+                   "WAYLAND_DISPLAY are unset). Run “quillmoor --help” for the commands that work without one.\n",
+                   stderr);
+        return 1;
+    }
     QApplication app(argc, argv);
     nameApplication();
     QApplication::setDesktopFileName(QStringLiteral("app.quillmoor.Quillmoor"));

@@ -179,6 +179,8 @@ private:
 
     // Saves through the store; a failure becomes the error message (the store has logged it). True when saved.
     bool saveOrSay(const Recording &recording);
+    // Joining `record`'s tracks can't have worked for lack of room on its disk.
+    bool lacksSpaceToJoin(const Recording &record) const;
 
     void setPhase(Phase phase);
     void setPaused(bool paused);

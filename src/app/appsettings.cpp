@@ -175,14 +175,26 @@ void AppSettings::load()
 void AppSettings::watchFile()
 {
     m_watcher = std::make_unique<QFileSystemWatcher>();
-    // Writers replace the file by renaming a new one over it, which ends a watch on the file itself; the
-    // folder's watch notices the new file, and reloadFromFile() watches it again.
-    const QString file = m_store->fileName();
-    m_watcher->addPath(QFileInfo(file).absolutePath());
-    if (QFileInfo::exists(file))
-        m_watcher->addPath(file);
     connect(m_watcher.get(), &QFileSystemWatcher::fileChanged, this, &AppSettings::scheduleReload);
     connect(m_watcher.get(), &QFileSystemWatcher::directoryChanged, this, &AppSettings::scheduleReload);
+    rewatch();
+}
+
+void AppSettings::rewatch()
+{
+    // Writers replace the file by renaming a new one over it, which ends a watch on the file itself, and the
+    // first write may create the folder too. So the nearest folder that exists is watched as well, and the
+    // watches are renewed after every change.
+    const QString file = m_store->fileName();
+    QString folder = QFileInfo(file).absolutePath();
+    while (!QFileInfo(folder).isDir() && folder != QDir::rootPath())
+        folder = QFileInfo(folder).absolutePath();
+    const QStringList watched = m_watcher->files() + m_watcher->directories();
+    if (!watched.isEmpty())
+        m_watcher->removePaths(watched);
+    m_watcher->addPath(folder);
+    if (QFileInfo::exists(file))
+        m_watcher->addPath(file);
 }
 
 void AppSettings::scheduleReload()
@@ -199,9 +211,7 @@ void AppSettings::scheduleReload()
 
 void AppSettings::reloadFromFile()
 {
-    const QString file = m_store->fileName();
-    if (QFileInfo::exists(file) && !m_watcher->files().contains(file))
-        m_watcher->addPath(file);
+    rewatch();
     const QMetaObject *meta = metaObject();
     QVariantList before;
     for (int i = meta->propertyOffset(); i < meta->propertyCount(); ++i)
@@ -213,6 +223,13 @@ void AppSettings::reloadFromFile()
         if (property.read(this) != before.at(i - meta->propertyOffset()))
             property.notifySignal().invoke(this);
     }
+}
+
+std::optional<QString> AppSettings::writeError() const
+{
+    if (m_store->status() == QSettings::NoError)
+        return std::nullopt;
+    return tr("The settings file %1 can't be written, so the change isn't kept.").arg(m_store->fileName());
 }
 
 template <class T, class Stored>

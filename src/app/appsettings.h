@@ -134,6 +134,9 @@ public:
     // Read afresh from the keyring on every call; never cached, never logged.
     std::optional<QString> apiKey(TranscriptionProvider provider) const;
 
+    // The sentence saying the settings file couldn't be written at the last change, or nothing when it was.
+    std::optional<QString> writeError() const;
+
     // The fallback of saveFolderPath: Documents/Quillmoor.
     QString defaultSaveFolderPath() const { return m_defaultSaveFolderPath; }
 
@@ -168,6 +171,7 @@ Q_SIGNALS:
 private:
     void load();
     void watchFile();
+    void rewatch();
     void scheduleReload();
     // Re-reads the file and emits the change signal of every setting whose value differs from before.
     void reloadFromFile();

@@ -5,6 +5,7 @@
 #include "app/appsettings.h"
 #include "capture/mediaprocessor.h"
 #include "library/formatters.h"
+#include "library/log.h"
 #include "library/recordingstore.h"
 #include "library/textutil.h"
 #include "meeting/notifier.h"
@@ -84,6 +85,16 @@ QCoro::Task<> AppController::finalize(QUuid id, bool recovered)
         co_return;
     record = m_parts.store.recording(id);
     if (!record) {
+        setActivity(id, std::nullopt);
+        co_return;
+    }
+    if (!built && lacksSpaceToJoin(*record)) {
+        // Not a failure of the recording: its tracks are whole, and the next start joins them again.
+        record->lastError = tr("There wasn't enough free space to join the recording's tracks. They are kept in "
+                               "its Source folder; free some space and Quillmoor finishes the recording the next "
+                               "time it starts.");
+        saveOrSay(*record);
+        m_parts.notifier.post(tr("Couldn't save recording"), *record->lastError);
         setActivity(id, std::nullopt);
         co_return;
     }
@@ -207,6 +218,9 @@ QCoro::Task<> AppController::syncToDrive(QUuid id)
             if (fresh->transcriptState != TranscriptState::failed)
                 fresh->lastError.reset();
             saveOrSay(*fresh);
+        } else if (copied.error().kind == SyncError::Kind::nothingToCopy) {
+            // Not a failure: there is simply nothing of this recording to copy yet.
+            logLine(copied.error().description());
         } else {
             fresh->lastError = copied.error().description();
             saveOrSay(*fresh);
@@ -292,6 +306,20 @@ void AppController::recoverInterruptedRecordings()
         if (saveOrSay(record))
             finalize(record.id, true);
     }
+}
+
+bool AppController::lacksSpaceToJoin(const Recording &record) const
+{
+    const std::optional<qint64> free = m_parts.freeSpace ? m_parts.freeSpace(record.folderPath()) : std::nullopt;
+    if (!free)
+        return false;
+    qint64 tracks = 0;
+    const QDir source(QDir(record.folderPath()).filePath(QLatin1String(kSourceFolderName)));
+    for (const QFileInfo &track : source.entryInfoList(QDir::Files))
+        tracks += track.size();
+    // The joined file is about the size of its tracks; a little more covers the container and the speech copy.
+    constexpr qint64 margin = 64LL * 1024 * 1024;
+    return *free < tracks + margin;
 }
 
 bool AppController::saveOrSay(const Recording &recording)

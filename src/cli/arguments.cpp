@@ -158,6 +158,9 @@ expected<Invocation, UsageError> parseCommand(const CommandInfo &command, const 
         parser->addOptions({formatOption, outputOption});
     else if (name == QLatin1String("sync"))
         parser->addOption(allOption);
+    // A setting's value may look like an option ("-5"); after "get" or "set" every word is a value.
+    if (name == QLatin1String("config"))
+        parser->setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
 
     if (!parser.parse(words, error, helped))
         return unexpected(*error);

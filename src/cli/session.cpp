@@ -258,7 +258,6 @@ int Session::reportRecording(const QUuid &id)
     }
     const QString media = QDir(record->folderPath()).filePath(record->mediaFileName.value_or(QString()));
     m_console.line(tr("Saved: %1 (%2)").arg(media, Formatters::duration(record->duration)));
-    int code = kSuccess;
     switch (record->transcriptState) {
     case TranscriptState::done:
         m_console.line(
@@ -267,8 +266,11 @@ int Session::reportRecording(const QUuid &id)
             m_console.error(*record->lastError);
         break;
     case TranscriptState::failed:
+        // The recording is saved, which is what this command was for; the transcript can follow later.
         m_console.error(record->lastError.value_or(tr("Transcription failed.")));
-        code = kFailure;
+        m_console.note(tr("The recording is saved; its transcript is waiting. Run “quillmoor transcribe %1” to try "
+                          "again.")
+                           .arg(record->id.toString(QUuid::WithoutBraces).left(8)));
         break;
     case TranscriptState::none:
     case TranscriptState::running:
@@ -278,7 +280,7 @@ int Session::reportRecording(const QUuid &id)
     }
     if (record->driveSyncedAt && !record->lastError)
         m_console.line(tr("Copied to Google Drive."));
-    return code;
+    return kSuccess;
 }
 
 QCoro::Task<int> Session::list(Invocation invocation)
@@ -425,19 +427,32 @@ QCoro::Task<int> Session::sync(Invocation invocation)
     co_await copying;
 
     int failures = 0;
+    int copied = 0;
     for (const Recording &before : targets) {
         const std::optional<Recording> after = m_app.store().recording(before.id);
-        if (after && after->driveSyncedAt && after->driveSyncedAt != before.driveSyncedAt)
+        if (after && after->driveSyncedAt && after->driveSyncedAt != before.driveSyncedAt) {
+            ++copied;
             continue;
+        }
+        // A recording with nothing to copy yet is left without an error of its own.
+        if (after && after->lastError == before.lastError) {
+            const QString nothing = SyncError::nothingToCopy(before.title).description();
+            if (invocation.all) {
+                m_console.note(nothing);
+                continue;
+            }
+            m_console.error(nothing);
+            ++failures;
+            continue;
+        }
         ++failures;
         const QString why = after ? after->lastError.value_or(QString()) : tr("It was deleted.");
         m_console.error(tr("%1 wasn't copied: %2").arg(quoted(before.title), why));
     }
     const std::optional<QString> root =
         DriveSync::resolvedRoot(DriveSync::DriveOptions::from(m_app.settings()), DriveSync::Places());
-    if (failures < targets.size())
-        m_console.line(QCoreApplication::translate("qm::cli", "Copied %n recording(s) to %1.", nullptr,
-                                                   int(targets.size()) - failures)
+    if (copied > 0)
+        m_console.line(QCoreApplication::translate("qm::cli", "Copied %n recording(s) to %1.", nullptr, copied)
                            .arg(root.value_or(QString())));
     co_return failures == 0 ? kSuccess : kFailure;
 }
@@ -512,6 +527,10 @@ int Session::configSet(const Invocation &invocation)
     if (!changed) {
         m_console.error(changed.error());
         return kUsage;
+    }
+    if (const std::optional<QString> failed = m_app.settings().writeError()) {
+        m_console.error(*failed);
+        return kFailure;
     }
     return kSuccess;
 }

@@ -50,6 +50,26 @@ template <class Getter, class Setter> Entry number(const char *key, Getter get, 
             }};
 }
 
+// A number that only takes some values (the frame rates the capture offers).
+template <class Getter, class Setter> Entry oneOf(const char *key, QList<int> allowed, Getter get, Setter set)
+{
+    return {
+        QLatin1String(key), [get](const AppSettings &s) { return QString::number((s.*get)()); },
+        [set, key, allowed](AppSettings &s, const QString &value) -> expected<void, QString> {
+            bool ok = false;
+            const int parsed = value.trimmed().toInt(&ok);
+            if (!ok || !allowed.contains(parsed)) {
+                QStringList names;
+                for (int each : allowed)
+                    names.append(QString::number(each));
+                return unexpected(
+                    tr("%1 is one of %2, not “%3”.").arg(QLatin1String(key), names.join(QStringLiteral(", ")), value));
+            }
+            (s.*set)(parsed);
+            return {};
+        }};
+}
+
 template <class Getter, class Setter> Entry text(const char *key, Getter get, Setter set)
 {
     return {QLatin1String(key), [get](const AppSettings &s) { return (s.*get)(); },
@@ -103,7 +123,7 @@ const QList<Entry> &entries()
             text("microphoneID", &S::microphoneID, &S::setMicrophoneID),
             flag("includeMicrophone", &S::includeMicrophone, &S::setIncludeMicrophone),
             flag("followZoomMute", &S::followZoomMute, &S::setFollowZoomMute),
-            number("videoFrameRate", &S::videoFrameRate, &S::setVideoFrameRate),
+            oneOf("videoFrameRate", {10, 15, 30}, &S::videoFrameRate, &S::setVideoFrameRate),
             number("videoDisplayID", &S::videoDisplayID, &S::setVideoDisplayID),
             flag("autoTranscribe", &S::autoTranscribe, &S::setAutoTranscribe),
             choice<TranscriptionProvider>("provider", &S::provider, &S::setProvider),

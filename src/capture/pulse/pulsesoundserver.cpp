@@ -317,6 +317,12 @@ struct PulseSoundServer::Connection {
         // Only flowing streams are handled here; one that never started is reported by whoever opened it.
         if (!stream->stamped)
             return;
+        // Every stream fails when the server itself goes away; that is said once, by contextChanged, and not
+        // mistaken for an unplugged microphone.
+        if (const pa_context_state_t server = pa_context_get_state(self->context.get()); server != PA_CONTEXT_READY) {
+            contextChanged(self->context.get(), self);
+            return;
+        }
         const Role role = stream->role;
         self->close(stream);
         if (role == Role::microphone)
