@@ -4,13 +4,17 @@
 #include "cli/commandline.h"
 #include "library/log.h"
 #include "library/recordingstore.h"
+#include "ui/library/librarywindow.h"
 #include "ui/prompt/promptcard.h"
+#include "ui/settings/settingswindow.h"
 #include "ui/shell/shell.h"
 #include "ui/shell/singleinstance.h"
 #include "ui/tray/symbols.h"
 
 #include <QApplication>
 #include <QProcess>
+
+#include <memory>
 
 #include <cstdio>
 #include <unistd.h>
@@ -90,7 +94,25 @@ int main(int argc, char *argv[])
     if (!quillmoor.settings().keyringAvailable())
         qm::logLine(QStringLiteral("no keyring answered; API keys can't be saved until one is available"));
 
-    qm::ui::Shell shell(quillmoor, instance, qm::ui::ShellWindows{});
+    // Each window is made the first time it is asked for and kept for the rest of the run.
+    std::unique_ptr<qm::ui::LibraryWindow> library;
+    std::unique_ptr<qm::ui::SettingsWindow> settings;
+    qm::ui::ShellWindows windows{
+        .openLibrary =
+            [&](std::optional<QUuid> id) {
+                if (!library)
+                    library = std::make_unique<qm::ui::LibraryWindow>(quillmoor.controller());
+                library->showRecording(id);
+            },
+        .openSettings =
+            [&](bool permissions) {
+                if (!settings)
+                    settings = std::make_unique<qm::ui::SettingsWindow>(quillmoor);
+                settings->showPane(permissions ? qm::ui::SettingsWindow::Pane::permissions
+                                               : qm::ui::SettingsWindow::Pane::general);
+            },
+    };
+    qm::ui::Shell shell(quillmoor, instance, windows);
     const int status = QApplication::exec();
     if (shell.relaunchRequested())
         QProcess::startDetached(QCoreApplication::applicationFilePath(), {});
