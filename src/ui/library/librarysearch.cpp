@@ -6,7 +6,11 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QStandardPaths>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace qm::ui {
 
@@ -14,6 +18,8 @@ namespace {
 
 // One indexing slice stays short, so a search typed meanwhile waits at most this long for the thread.
 constexpr qint64 kSliceMs = 25;
+// How long a search trusts what it last saw of a transcript file that this program did not say it changed.
+constexpr qint64 kRecheckMs = 2000;
 
 } // namespace
 
@@ -22,7 +28,9 @@ class LibrarySearch::Worker {
 public:
     Worker(LibrarySearch *owner, QString indexPath, SearchFold fold, std::shared_ptr<std::atomic<quint64>> latest)
         : m_owner(owner), m_index(std::move(indexPath), fold), m_fold(fold), m_latest(std::move(latest))
-    {}
+    {
+        m_clock.start();
+    }
 
     QObject context;
 
@@ -40,10 +48,17 @@ public:
         schedule();
     }
 
-    void search(quint64 generation, const QString &query, const QList<SearchEntry> &entries)
+    void search(quint64 generation, const QString &query, const QList<SearchEntry> &entries, quint64 changes)
     {
         if (m_latest->load() != generation)
             return;
+        if (changes != m_changes) {
+            // Something changed in this program: every transcript is looked at again.
+            m_changes = changes;
+            m_known.clear();
+        }
+        const qint64 now = m_clock.elapsed();
+        Directories directories;
         const QString folded = m_fold(query);
         std::optional<SearchIndex::Matches> matches;
         if (ensureIndex() && !folded.contains(QChar(SearchIndex::kSeparator))) {
@@ -58,11 +73,18 @@ public:
         for (const SearchEntry &entry : entries) {
             if (m_latest->load() != generation)
                 return;
-            if (foldedTitle(entry).contains(folded)) {
+            Known &known = this->known(entry);
+            if (known.foldedTitle.contains(folded)) {
                 hits.append({entry.id, true, -1, std::nullopt});
                 continue;
             }
-            const QByteArray stamp = SearchIndex::stamp(entry.folder);
+            // Files are looked at again only after a while: typing a word searches many times a second, and a
+            // change made by this program is announced (`changes`) anyway.
+            if (known.checkedAt < 0 || now - known.checkedAt > kRecheckMs) {
+                known.stamp = SearchIndex::stamp(directories.open(known.parent), known.relative.constData());
+                known.checkedAt = now;
+            }
+            const QByteArray &stamp = known.stamp;
             if (matches) {
                 const SearchIndex::Doc *doc = m_index.doc(entry.folder);
                 if (doc && doc->stamp == stamp) {
@@ -71,6 +93,7 @@ public:
                     continue;
                 }
                 stale.append(entry);
+                known.checkedAt = -1;
             }
             if (const std::optional<Transcript> transcript = readTranscript(entry.folder)) {
                 const int segment = firstMatchingSegment(*transcript, folded, m_fold);
@@ -146,12 +169,60 @@ private:
         m_index.discard();
     }
 
-    const QString &foldedTitle(const SearchEntry &entry)
+    // What the search remembers of a recording between searches.
+    struct Known {
+        QString title;
+        QString foldedTitle;
+        QString folder;
+        QString parent;      // the folder holding the recording's folder
+        QByteArray relative; // "<folder name>/transcript.json", for stat() relative to `parent`
+        QByteArray stamp;
+        qint64 checkedAt = -1; // on m_clock; -1: never
+    };
+
+    // Open directories for the searches' file checks, closed when the search ends.
+    class Directories {
+    public:
+        Directories() = default;
+        Directories(const Directories &) = delete;
+        Directories &operator=(const Directories &) = delete;
+        ~Directories()
+        {
+            for (const int fd : std::as_const(m_open))
+                ::close(fd);
+        }
+        int open(const QString &path)
+        {
+            const auto it = m_open.constFind(path);
+            if (it != m_open.cend())
+                return *it;
+            const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            m_open.insert(path, fd);
+            return fd;
+        }
+
+    private:
+        QHash<QString, int> m_open;
+    };
+
+    Known &known(const SearchEntry &entry)
     {
-        auto it = m_titles.find(entry.id);
-        if (it == m_titles.end() || it->first != entry.title)
-            it = m_titles.insert(entry.id, {entry.title, m_fold(entry.title)});
-        return it->second;
+        auto it = m_known.find(entry.id);
+        if (it == m_known.end() || it->title != entry.title || it->folder != entry.folder)
+            it = m_known.insert(entry.id, makeKnown(entry));
+        return *it;
+    }
+
+    Known makeKnown(const SearchEntry &entry) const
+    {
+        Known known;
+        known.title = entry.title;
+        known.folder = entry.folder;
+        known.foldedTitle = m_fold(entry.title);
+        const QFileInfo folder(entry.folder);
+        known.parent = folder.path();
+        known.relative = QFile::encodeName(folder.fileName() + u'/' + QLatin1String(kTranscriptFileName));
+        return known;
     }
 
     void schedule()
@@ -212,7 +283,9 @@ private:
     SearchIndex m_index;
     SearchFold m_fold;
     std::shared_ptr<std::atomic<quint64>> m_latest;
-    QHash<QUuid, std::pair<QString, QString>> m_titles;
+    QHash<QUuid, Known> m_known;
+    quint64 m_changes = 0;
+    QElapsedTimer m_clock;
     QList<SearchEntry> m_pending;
     qsizetype m_pendingAt = 0;
     bool m_pruned = true;
@@ -236,12 +309,14 @@ LibrarySearch::LibrarySearch(RecordingStore &store, QString indexPath, QObject *
             Qt::QueuedConnection);
     });
     connect(&store, &RecordingStore::recordingsChanged, this, [this] {
+        ++m_changes;
         rebuildEntries();
         if (!m_query.isEmpty())
             search();
         m_refresh.start();
     });
     connect(&store, &QAbstractItemModel::modelReset, this, [this] {
+        ++m_changes;
         rebuildEntries();
         if (!m_query.isEmpty())
             search();
@@ -291,6 +366,7 @@ void LibrarySearch::setQuery(const QString &typed)
 
 void LibrarySearch::transcriptsChanged()
 {
+    ++m_changes;
     if (!m_query.isEmpty())
         search();
     m_refresh.start();
@@ -304,8 +380,8 @@ void LibrarySearch::search()
     setSearching(true);
     QMetaObject::invokeMethod(
         &m_worker->context,
-        [worker = m_worker.get(), generation, query = m_query, entries = m_entries] {
-            worker->search(generation, query, entries);
+        [worker = m_worker.get(), generation, query = m_query, entries = m_entries, changes = m_changes] {
+            worker->search(generation, query, entries, changes);
         },
         Qt::QueuedConnection);
 }

@@ -21,9 +21,11 @@ namespace qm::ui {
 // The library's search: what the list shows for the search text, worked out on a thread of its own so that
 // typing never waits for it. Only the latest text is searched; a search overtaken by newer typing stops.
 //
-// Results are exactly those of scanLibrary(). Transcripts come from an index (SearchIndex) where its copy is
-// current, checked against each transcript file at every search; the others are read directly and queued for
-// indexing, which goes on between searches. Without a usable index every search reads the files.
+// Results are those of scanLibrary(). Transcripts come from an index (SearchIndex) where its copy is current,
+// checked against each transcript file; the others are read directly and queued for indexing, which goes on
+// between searches. Without a usable index every search reads the files. A file is checked again at the first
+// search after this program changed the library, else at most every two seconds, so a transcript rewritten by
+// another program (the command line) is seen within two seconds.
 //
 // Main thread only. Watches the store itself; call transcriptsChanged() when transcripts may have been
 // rewritten without the store noticing (re-transcription, speaker renames).
@@ -73,6 +75,7 @@ private:
     std::optional<QHash<QUuid, SearchHit>> m_hits;
     bool m_searching = false;
     std::shared_ptr<std::atomic<quint64>> m_generation;
+    quint64 m_changes = 0; // counts the changes this program made to recordings and transcripts
     QSet<QUuid> m_snippetsWanted;
     QSet<QUuid> m_snippetsAsked;
     QTimer m_refresh;

@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
@@ -15,7 +16,7 @@ namespace qm::ui {
 
 namespace {
 
-constexpr int kLayout = 1;
+constexpr int kLayout = 2;
 
 struct FinalizeStatement {
     void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
@@ -288,14 +289,20 @@ expected<void, SearchIndexError> SearchIndex::loadDocs()
     return {};
 }
 
-QByteArray SearchIndex::stamp(const QString &folder)
+QByteArray SearchIndex::stamp(int directory, const char *relative)
 {
     struct stat info {};
-    const QByteArray path = QFile::encodeName(folder + u'/' + QLatin1String(kTranscriptFileName));
-    if (::stat(path.constData(), &info) != 0)
+    if (::fstatat(directory, relative, &info, 0) != 0)
         return QByteArrayLiteral("-");
-    return QByteArray::number(qint64(info.st_size)) + ':' + QByteArray::number(qint64(info.st_mtim.tv_sec)) + '.' +
-           QByteArray::number(qint64(info.st_mtim.tv_nsec)) + ':' + QByteArray::number(quint64(info.st_ino));
+    const qint64 fields[] = {qint64(info.st_size), qint64(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec,
+                             qint64(info.st_ino)};
+    return QByteArray(reinterpret_cast<const char *>(fields), sizeof fields);
+}
+
+QByteArray SearchIndex::stamp(const QString &folder)
+{
+    const QByteArray path = QFile::encodeName(folder + u'/' + QLatin1String(kTranscriptFileName));
+    return stamp(AT_FDCWD, path.constData());
 }
 
 const SearchIndex::Doc *SearchIndex::doc(const QString &folder) const

@@ -56,6 +56,8 @@ public:
 
     // What the folder's transcript.json is now: size, modification time and file identity; "-" when missing.
     static QByteArray stamp(const QString &folder);
+    // The same for `relative` ("<folder name>/transcript.json") inside the open directory `directory`.
+    static QByteArray stamp(int directory, const char *relative);
     const Doc *doc(const QString &folder) const;
     qsizetype docCount() const { return m_docs.size(); }
 

@@ -39,6 +39,15 @@ const QList<Sample> kSamples{
     {QStringLiteral("Quarterly"), {QStringLiteral("Hello"), QStringLiteral("there")}}, // "othere" spans segments
 };
 
+TranscriptSegment segment(const QString &text)
+{
+    TranscriptSegment s;
+    s.end = 1;
+    s.speaker = QStringLiteral("Speaker 1");
+    s.text = text;
+    return s;
+}
+
 } // namespace
 
 class TestLibrarySearch : public QObject {
@@ -101,7 +110,7 @@ class TestLibrarySearch : public QObject {
     {
         const Recording r = byTitle(title);
         Transcript t = test::sampleTranscript();
-        t.segments = {{QUuid::createUuid(), 0, 1, QStringLiteral("Speaker 1"), text}};
+        t.segments = {segment(text)};
         QVERIFY(m_store->saveTranscript(t, r).has_value());
     }
 
@@ -122,7 +131,7 @@ private Q_SLOTS:
             Transcript t = test::sampleTranscript();
             t.segments.clear();
             for (const QString &text : kSamples.at(i).segments)
-                t.segments.append({QUuid::createUuid(), 0, 1, QStringLiteral("Speaker 1"), text});
+                t.segments.append(segment(text));
             QVERIFY(writeFileAtomically(folder + QStringLiteral("/transcript.json"), JsonCoding::encode(t)));
         }
         QFile damaged(root() + QStringLiteral("/R6/transcript.json"));
