@@ -27,7 +27,7 @@ const CommandInfo kCommands[] = {
     {"list", "list [--json]", "List the recordings in the library, newest first."},
     {"transcribe", "transcribe <recording> [--provider deepgram|openai|assemblyai|elevenlabs|on-device]",
      "Transcribe a recording again, with the chosen service for this run only."},
-    {"export", "export <recording> --format txt|md|srt [-o FILE]",
+    {"export", "export <recording> --format txt|md|srt|vtt|json [-o FILE]",
      "Write the transcript as text, Markdown or subtitles (to standard output without -o)."},
     {"sync", "sync <recording>|--all", "Copy recordings to the Google Drive folder."},
     {"rename", "rename <recording> \"New title\"", "Give a recording a new title."},
@@ -125,6 +125,10 @@ std::optional<ExportFormat> parseFormat(const QString &text)
         return ExportFormat::markdown;
     if (text == QLatin1String("srt"))
         return ExportFormat::subRip;
+    if (text == QLatin1String("vtt"))
+        return ExportFormat::webVTT;
+    if (text == QLatin1String("json"))
+        return ExportFormat::json;
     return std::nullopt;
 }
 
@@ -143,7 +147,8 @@ expected<Invocation, UsageError> parseCommand(const CommandInfo &command, const 
     const QCommandLineOption jsonOption(QStringLiteral("json"), tr("Print the recordings as JSON."));
     const QCommandLineOption providerOption(QStringLiteral("provider"), tr("The service to use for this run."),
                                             QStringLiteral("provider"));
-    const QCommandLineOption formatOption(QStringLiteral("format"), tr("txt, md or srt."), QStringLiteral("format"));
+    const QCommandLineOption formatOption(QStringLiteral("format"), tr("txt, md, srt, vtt or json."),
+                                          QStringLiteral("format"));
     const QCommandLineOption outputOption({QStringLiteral("o"), QStringLiteral("output")},
                                           tr("Write to this file instead of standard output."), QStringLiteral("file"));
     const QCommandLineOption allOption(QStringLiteral("all"), tr("Every recording that is ready."));
@@ -221,10 +226,11 @@ expected<Invocation, UsageError> parseCommand(const CommandInfo &command, const 
             return unexpected(*wrong);
         out.recording = positional.at(0);
         if (!parser->isSet(formatOption))
-            return unexpected(usage(tr("Say which format: --format txt, md or srt.")));
+            return unexpected(usage(tr("Say which format: --format txt, md, srt, vtt or json.")));
         const std::optional<ExportFormat> format = parseFormat(parser->value(formatOption));
         if (!format)
-            return unexpected(usage(tr("Unknown format “%1”: use txt, md or srt.").arg(parser->value(formatOption))));
+            return unexpected(
+                usage(tr("Unknown format “%1”: use txt, md, srt, vtt or json.").arg(parser->value(formatOption))));
         out.format = *format;
         out.outputFile = parser->value(outputOption);
     } else if (name == QLatin1String("sync")) {

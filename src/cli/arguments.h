@@ -28,7 +28,7 @@ enum class Command {
     keySet,
 };
 
-enum class ExportFormat { text, markdown, subRip };
+enum class ExportFormat { text, markdown, subRip, webVTT, json };
 
 // One parsed command line. Only the fields of `command` are meaningful.
 struct Invocation {

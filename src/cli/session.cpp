@@ -9,6 +9,7 @@
 #include "library/formatters.h"
 #include "library/jsoncoding.h"
 #include "library/recordingstore.h"
+#include "library/transcriptexport.h"
 
 #include <QCoreApplication>
 #include <QCoroTimer>
@@ -383,6 +384,12 @@ QCoro::Task<int> Session::exportTranscript(Invocation invocation)
         break;
     case ExportFormat::subRip:
         text = transcript->srt();
+        break;
+    case ExportFormat::webVTT:
+        text = render(TranscriptFormat::webVTT, *transcript, *record);
+        break;
+    case ExportFormat::json:
+        text = render(TranscriptFormat::json, *transcript, *record);
         break;
     }
     if (invocation.outputFile.isEmpty()) {

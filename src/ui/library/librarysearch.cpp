@@ -53,9 +53,10 @@ public:
         if (m_latest->load() != generation)
             return;
         if (changes != m_changes) {
-            // Something changed in this program: every transcript is looked at again.
+            // Something changed in this program: every transcript file is looked at again.
             m_changes = changes;
-            m_known.clear();
+            for (Known &known : m_known)
+                known.checkedAt = -1;
         }
         const qint64 now = m_clock.elapsed();
         Directories directories;
