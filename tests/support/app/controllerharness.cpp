@@ -6,7 +6,7 @@
 
 namespace qm::test {
 
-ControllerHarness::ControllerHarness(std::unique_ptr<AccessibilityTree> zoomTree)
+ControllerHarness::ControllerHarness(std::unique_ptr<AccessibilityTree> tree)
 {
     settings = std::make_unique<AppSettings>(keychain, dir.filePath(QStringLiteral("config")));
     settings->setSaveFolderPath(dir.filePath(QStringLiteral("Library")));
@@ -22,6 +22,14 @@ ControllerHarness::ControllerHarness(std::unique_ptr<AccessibilityTree> zoomTree
     transcription = std::make_unique<TranscriptionService>(
         secrets, media, [this](TranscriptionProvider) { return engine ? engine() : std::unique_ptr<SpeechEngine>(); });
     processes.zoom = {4242};
+    if (tree)
+        muteObserver = std::make_unique<ZoomMuteObserver>(std::move(tree));
+}
+
+ControllerHarness::~ControllerHarness() = default;
+
+std::unique_ptr<AppController> ControllerHarness::makeController()
+{
     ControllerParts parts{
         .settings = *settings,
         .store = *store,
@@ -32,16 +40,17 @@ ControllerHarness::ControllerHarness(std::unique_ptr<AccessibilityTree> zoomTree
         .transcription = *transcription,
         .makeEngine = [this] { return std::make_unique<CaptureEngine>(sound, nullptr, processes, clock); },
     };
-    if (zoomTree) {
-        muteObserver = std::make_unique<ZoomMuteObserver>(std::move(zoomTree));
-        parts.muteObserver = muteObserver.get();
-    }
+    parts.muteObserver = muteObserver.get();
     parts.now = [this] { return now; };
     parts.tickers = tickers.factory();
-    controller = std::make_unique<AppController>(std::move(parts));
+    return std::make_unique<AppController>(std::move(parts));
 }
 
-ControllerHarness::~ControllerHarness() = default;
+AppController &ControllerHarness::start()
+{
+    controller = makeController();
+    return *controller;
+}
 
 void ControllerHarness::record(double seconds)
 {

@@ -33,11 +33,16 @@ public:
 
 // A whole controller on real parts (settings, library, capture engine, media processor) in a temporary folder,
 // with the sound server, Zoom, permissions and notifications as stand-ins, and no automatic transcription or
-// Drive copies. Build it in a test's init(); one per test.
+// Drive copies. Build it in a test's init(), change settings or the library as the case needs, then start().
 struct ControllerHarness {
     // `zoomTree`, when given, is the Zoom whose mute button the controller follows.
     explicit ControllerHarness(std::unique_ptr<AccessibilityTree> zoomTree = nullptr);
     ~ControllerHarness();
+
+    // Makes `controller` (which recovers what the library holds, as at a program's start) and returns it.
+    AppController &start();
+    // Another controller on the same parts: another run of the program beside the first.
+    std::unique_ptr<AppController> makeController();
 
     // Feeds `seconds` of tone into the running capture, in real time, ticking the controller as it goes.
     void record(double seconds);

@@ -34,7 +34,11 @@ class TestTray : public QObject {
     }
 
 private Q_SLOTS:
-    void init() { h = std::make_unique<ControllerHarness>(); }
+    void init()
+    {
+        h = std::make_unique<ControllerHarness>();
+        h->start();
+    }
     void cleanup() { h.reset(); }
 
     void theStatusIconAndCardFollowTheController()

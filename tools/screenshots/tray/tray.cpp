@@ -95,6 +95,7 @@ struct Scene {
     explicit Scene(std::unique_ptr<AccessibilityTree> zoom = nullptr)
         : harness(std::make_unique<ControllerHarness>(std::move(zoom)))
     {
+        harness->start();
         fillLibrary(*harness);
         model = std::make_unique<TrayViewModel>(*harness->controller);
         panel = std::make_unique<MenuBarView>(*model, TrayActions{[](auto) {}, [](bool) {}, [] {}, [] {}, [] {}});
@@ -113,6 +114,7 @@ QWidget *iconStrip()
         pixmap.fill(panel);
         QPainter painter(&pixmap);
         ControllerHarness h;
+        h.start();
         TrayViewModel model(*h.controller);
         TrayIcon icon(model, TrayActions{[](auto) {}, [](bool) {}, [] {}, [] {}, [] {}});
         int x = 8;
