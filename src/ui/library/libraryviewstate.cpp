@@ -86,8 +86,10 @@ DetailState detailState(const DetailFacts &facts)
     if (!facts.hasTranscript) {
         s.exportHint = tr("Transcribe first to export");
         s.emptyTitle = tr("No transcript yet");
-        s.emptyDetail = tr("Click Transcribe to create one with ") + label(facts.provider) +
-                        tr(" – change in Settings › Transcription");
+        // Only a saved recording can be transcribed; for the others the media note says what happened.
+        if (ready)
+            s.emptyDetail = tr("Click Transcribe to create one with ") + label(facts.provider) +
+                            tr(" – change in Settings › Transcription");
     }
     if (r.lastError &&
         (r.state == ProcessingState::failed || r.transcriptState == TranscriptState::failed || !facts.activity))

@@ -76,8 +76,10 @@ LibraryWindow::LibraryWindow(AppController &controller, QWidget *parent)
                        tr("Open Folder"), this, [&store] { openFolder(store.rootPath()); });
 
     auto *splitter = new QSplitter(this);
+    m_splitter = splitter;
     splitter->setChildrenCollapsible(false);
     auto *left = new QWidget(splitter);
+    left->setMinimumWidth(260);
     auto *leftColumn = new QVBoxLayout(left);
     leftColumn->setContentsMargins(8, 8, 0, 8);
     leftColumn->setSpacing(6);
@@ -98,6 +100,7 @@ LibraryWindow::LibraryWindow(AppController &controller, QWidget *parent)
     m_list->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
     m_list->setSelectionMode(QAbstractItemView::SingleSelection);
     m_list->setAccessibleName(tr("Recordings"));
+    m_list->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     m_listStack->addWidget(m_list);
     m_listStack->addWidget(placeholder(m_listStack, &m_listTitle, &m_listDetail));
     leftColumn->addWidget(m_listStack, 1);
@@ -111,8 +114,9 @@ LibraryWindow::LibraryWindow(AppController &controller, QWidget *parent)
     m_detailStack->addWidget(m_detail);
     splitter->addWidget(left);
     splitter->addWidget(m_detailStack);
+    splitter->setStretchFactor(0, 0);
     splitter->setStretchFactor(1, 1);
-    splitter->setSizes({330, 670});
+    splitter->setSizes({320, 680});
     setCentralWidget(splitter);
 
     connect(m_search, &QLineEdit::textChanged, m_searchEngine.get(), &LibrarySearch::setQuery);
@@ -175,6 +179,16 @@ void LibraryWindow::showRecording(std::optional<QUuid> id)
         showNormal();
     raise();
     activateWindow();
+}
+
+void LibraryWindow::showEvent(QShowEvent *event)
+{
+    QMainWindow::showEvent(event);
+    // The split is only kept once the window has its size.
+    if (!m_placed) {
+        m_placed = true;
+        m_splitter->setSizes({320, std::max(400, width() - 320)});
+    }
 }
 
 void LibraryWindow::togglePlayback()

@@ -9,6 +9,7 @@
 class QLabel;
 class QLineEdit;
 class QListView;
+class QSplitter;
 class QStackedWidget;
 
 namespace qm {
@@ -43,6 +44,9 @@ public:
     LibrarySearch &search() { return *m_searchEngine; }
     LibrarySelection &selection() { return *m_selection; }
 
+protected:
+    void showEvent(QShowEvent *event) override;
+
 private:
     void selectionChanged();
     void updatePlaceholder();
@@ -58,6 +62,8 @@ private:
     QLabel *m_listTitle = nullptr;
     QLabel *m_listDetail = nullptr;
     QStackedWidget *m_detailStack = nullptr;
+    QSplitter *m_splitter = nullptr;
+    bool m_placed = false;
     RecordingDetailView *m_detail = nullptr;
 };
 

@@ -13,6 +13,11 @@ QColor markColor(const QPalette &palette)
     return dark ? QColor(0x8a, 0x6d, 0x00) : QColor(0xff, 0xe0, 0x66);
 }
 
+QColor markTextColor(const QPalette &palette)
+{
+    return markColor(palette).lightness() > 128 ? QColor(Qt::black) : QColor(Qt::white);
+}
+
 QList<QTextLayout::FormatRange> markFormats(const QList<QPoint> &matches, const QPalette &palette)
 {
     QList<QTextLayout::FormatRange> formats;
@@ -21,6 +26,7 @@ QList<QTextLayout::FormatRange> markFormats(const QList<QPoint> &matches, const 
         range.start = match.x();
         range.length = match.y();
         range.format.setBackground(markColor(palette));
+        range.format.setForeground(markTextColor(palette));
         range.format.setFontWeight(QFont::Bold);
         formats.append(range);
     }
@@ -35,7 +41,7 @@ void drawMarkedLine(QPainter &painter, const QRect &rect, const QString &text, Q
     bold.setBold(true);
     const QFontMetrics plainMetrics(plain), boldMetrics(bold);
     const bool marked = mark.x() >= 0 && mark.y() > 0 && mark.x() + mark.y() <= text.size();
-    const QString before = marked ? text.left(mark.x()) : text;
+    QString before = marked ? text.left(mark.x()) : text;
     const QString match = marked ? text.mid(mark.x(), mark.y()) : QString();
     const QString after = marked ? text.mid(mark.x() + mark.y()) : QString();
 
@@ -44,6 +50,13 @@ void drawMarkedLine(QPainter &painter, const QRect &rect, const QString &text, Q
     painter.setPen(color);
     const int baseline = rect.top() + (rect.height() + plainMetrics.ascent() - plainMetrics.descent()) / 2;
     int x = rect.left();
+    if (marked) {
+        // Keep the match in view: cut the text before it from the left when both don't fit.
+        const int room = rect.width() - boldMetrics.horizontalAdvance(match) -
+                         std::min(plainMetrics.horizontalAdvance(after), rect.width() / 4);
+        if (plainMetrics.horizontalAdvance(before) > room)
+            before = plainMetrics.elidedText(before, Qt::ElideLeft, std::max(0, room));
+    }
     const QString shownBefore = plainMetrics.elidedText(before, Qt::ElideRight, rect.right() - x);
     painter.drawText(x, baseline, shownBefore);
     x += plainMetrics.horizontalAdvance(shownBefore);
@@ -52,7 +65,9 @@ void drawMarkedLine(QPainter &painter, const QRect &rect, const QString &text, Q
         const int width = boldMetrics.horizontalAdvance(shownMatch);
         painter.fillRect(QRect(x - 1, rect.top() + 1, width + 2, rect.height() - 2), markBackground);
         painter.setFont(bold);
+        painter.setPen(markBackground.lightness() > 128 ? QColor(Qt::black) : QColor(Qt::white));
         painter.drawText(x, baseline, shownMatch);
+        painter.setPen(color);
         painter.setFont(plain);
         x += width;
         if (shownMatch == match && x < rect.right())

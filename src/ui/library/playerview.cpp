@@ -32,20 +32,20 @@ PlayerView::PlayerView(PlayerModel &model, QWidget *parent) : QWidget(parent), m
 
     auto *row = new QHBoxLayout;
     row->setSpacing(4);
-    auto button = [this, row](QStyle::StandardPixmap icon, const QString &tip) {
+    auto button = [this, row](const char *name, QStyle::StandardPixmap icon, const QString &tip) {
         auto *b = new QToolButton(this);
-        b->setIcon(style()->standardIcon(icon));
+        b->setIcon(QIcon::fromTheme(QLatin1String(name), style()->standardIcon(icon)));
         b->setToolTip(tip);
         b->setAutoRaise(true);
         b->setIconSize(QSize(20, 20));
         row->addWidget(b);
         return b;
     };
-    m_back = button(QStyle::SP_MediaSeekBackward, tr("Back 15 seconds (←)"));
+    m_back = button("media-seek-backward", QStyle::SP_MediaSeekBackward, tr("Back 15 seconds (←)"));
     m_back->setAccessibleName(tr("Back 15 seconds"));
-    m_play = button(QStyle::SP_MediaPlay, tr("Play (Space)"));
+    m_play = button("media-playback-start", QStyle::SP_MediaPlay, tr("Play (Space)"));
     m_play->setIconSize(QSize(26, 26));
-    m_forward = button(QStyle::SP_MediaSeekForward, tr("Forward 15 seconds (→)"));
+    m_forward = button("media-seek-forward", QStyle::SP_MediaSeekForward, tr("Forward 15 seconds (→)"));
     m_forward->setAccessibleName(tr("Forward 15 seconds"));
 
     m_position = new QSlider(Qt::Horizontal, this);
@@ -108,7 +108,10 @@ void PlayerView::setSpeedPercent(int percent)
 void PlayerView::update()
 {
     const bool playing = m_model.isPlaying();
-    m_play->setIcon(style()->standardIcon(playing ? QStyle::SP_MediaPause : QStyle::SP_MediaPlay));
+    m_play->setIcon(
+        playing
+            ? QIcon::fromTheme(QStringLiteral("media-playback-pause"), style()->standardIcon(QStyle::SP_MediaPause))
+            : QIcon::fromTheme(QStringLiteral("media-playback-start"), style()->standardIcon(QStyle::SP_MediaPlay)));
     m_play->setToolTip(playing ? tr("Pause (Space)") : tr("Play (Space)"));
     m_play->setAccessibleName(playing ? tr("Pause") : tr("Play"));
     m_play->setEnabled(playing || !m_model.isHeld());

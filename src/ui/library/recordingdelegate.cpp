@@ -42,7 +42,7 @@ QSize RecordingDelegate::sizeHint(const QStyleOptionViewItem &option, const QMod
         height += metrics.height() + kGap;
     if (lines.snippet)
         height += metrics.height() + kGap;
-    return {200, height};
+    return {0, height};
 }
 
 void RecordingDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const

@@ -110,10 +110,22 @@ RecordingDetailView::RecordingDetailView(AppController &controller, QWidget *par
     titleFont.setPointSizeF(titleFont.pointSizeF() * 1.45);
     titleFont.setBold(true);
     m_title->setFont(titleFont);
-    column->addWidget(m_title);
+    // A heading until it is edited: no field drawn around it.
+    QPalette titlePalette = m_title->palette();
+    titlePalette.setColor(QPalette::Base, titlePalette.color(QPalette::Window));
+    m_title->setPalette(titlePalette);
+    // The title row carries the two actions on the folder, as icons, so the action row fits a narrow window.
+    auto *titleRow = new QHBoxLayout;
+    titleRow->setSpacing(2);
+    titleRow->addWidget(m_title, 1);
+    column->addLayout(titleRow);
 
     m_summary = new QLabel(this);
-    m_summary->setEnabled(false);
+    QPalette secondary = m_summary->palette();
+    QColor dim = secondary.color(QPalette::WindowText);
+    dim.setAlphaF(0.65f);
+    secondary.setColor(QPalette::WindowText, dim);
+    m_summary->setPalette(secondary);
     m_summary->setContentsMargins(3, 0, 0, 0);
     column->addWidget(m_summary);
 
@@ -161,11 +173,23 @@ RecordingDetailView::RecordingDetailView(AppController &controller, QWidget *par
     actions->addWidget(m_exportHint);
     m_copy = action(themedIcon("edit-copy", QStyle::SP_FileDialogDetailedView, s), tr("Copy Transcript"));
     m_drive = action(themedIcon("folder-remote", QStyle::SP_DriveNetIcon, s), tr("Copy to Google Drive"));
-    m_reveal = action(themedIcon("folder-open", QStyle::SP_DirOpenIcon, s), tr("Show in Files"));
     actions->addStretch(1);
-    m_trash = action(themedIcon("user-trash", QStyle::SP_TrashIcon, s), tr("Move to Trash"));
-    m_trash->setToolTip(tr("Move to Trash (Delete)"));
     column->addLayout(actions);
+    auto iconAction = [this, titleRow](const QIcon &icon, const QString &text, const QString &tip) {
+        auto *b = new QToolButton(this);
+        b->setIcon(icon);
+        b->setText(text);
+        b->setAccessibleName(text);
+        b->setToolTip(tip);
+        b->setAutoRaise(true);
+        b->setIconSize(QSize(22, 22));
+        titleRow->addWidget(b);
+        return b;
+    };
+    m_reveal =
+        iconAction(themedIcon("folder-open", QStyle::SP_DirOpenIcon, s), tr("Show in Files"), tr("Show in Files"));
+    m_trash = iconAction(themedIcon("user-trash", QStyle::SP_TrashIcon, s), tr("Move to Trash"),
+                         tr("Move to Trash (Delete)"));
 
     m_playerView = new PlayerView(*m_player, this);
     m_playerView->setSpeedPercent(m_controller.settings().playbackSpeedPercent());
@@ -255,7 +279,9 @@ RecordingDetailView::RecordingDetailView(AppController &controller, QWidget *par
                        [text = index.data().toString()] { QApplication::clipboard()->setText(text); });
         menu.exec(m_segments->viewport()->mapToGlobal(at));
     });
-    connect(m_player.get(), &PlayerModel::currentTimeChanged, m_transcript.get(), &TranscriptModel::setTime);
+    // Nothing is marked as playing before playback has started.
+    connect(m_player.get(), &PlayerModel::currentTimeChanged, this,
+            [this](double seconds) { m_transcript->setTime(seconds > 0 || m_player->isPlaying() ? seconds : -1); });
     connect(m_transcript.get(), &TranscriptModel::activeRowChanged, this, [this](int row) {
         if (row >= 0 && m_player->isPlaying())
             m_segments->scrollTo(m_transcript->index(row), QAbstractItemView::EnsureVisible);
@@ -307,7 +333,7 @@ void RecordingDetailView::reloadTranscript()
     const std::optional<Recording> recording = current();
     m_delegate->forget();
     m_transcript->setTranscript(recording ? m_controller.store().transcript(*recording) : std::nullopt);
-    m_transcript->setTime(m_player->currentTime());
+    m_transcript->setTime(m_player->currentTime() > 0 ? m_player->currentTime() : -1);
     m_speakers->setTranscript(m_transcript->transcript() ? &*m_transcript->transcript() : nullptr);
     refresh();
 }

@@ -42,7 +42,7 @@ private Q_SLOTS:
         }
         harness.store->reload();
 
-        LibraryWindow window(*harness.controller);
+        LibraryWindow window(harness.start());
         window.showRecording();
         QVERIFY(QTest::qWaitForWindowExposed(&window));
         QCOMPARE(window.windowTitle(), QStringLiteral("Quillmoor Library"));

@@ -140,9 +140,11 @@ private Q_SLOTS:
         if (!transcript) {
             QCOMPARE(state.exportHint, QStringLiteral("Transcribe first to export"));
             QCOMPARE(state.emptyTitle, QStringLiteral("No transcript yet"));
-            QCOMPARE(
-                state.emptyDetail,
-                QStringLiteral("Click Transcribe to create one with Deepgram – change in Settings › Transcription"));
+            QCOMPARE(state.emptyDetail,
+                     recording.state == ProcessingState::ready
+                         ? QStringLiteral(
+                               "Click Transcribe to create one with Deepgram – change in Settings › Transcription")
+                         : QString());
         }
     }
 
