@@ -106,10 +106,9 @@ LibraryWindow::LibraryWindow(AppController &controller, QWidget *parent)
     leftColumn->addWidget(m_listStack, 1);
 
     m_detailStack = new QStackedWidget(splitter);
-    QLabel *nothingSelected = nullptr;
-    m_detailStack->addWidget(placeholder(m_detailStack, &nothingSelected, nullptr));
-    nothingSelected->setText(noSelectionPlaceholder().title);
-    nothingSelected->setEnabled(false);
+    m_detailStack->addWidget(placeholder(m_detailStack, &m_nothingSelected, nullptr));
+    m_nothingSelected->setText(noSelectionPlaceholder().title);
+    m_nothingSelected->setEnabled(false);
     m_detail = new RecordingDetailView(controller, m_detailStack);
     m_detailStack->addWidget(m_detail);
     splitter->addWidget(left);
@@ -225,6 +224,8 @@ void LibraryWindow::updatePlaceholder()
     const std::optional<Placeholder> empty = listPlaceholder(m_controller.store().count(), m_model->rowCount(),
                                                              m_searchEngine->query(), m_searchEngine->isSearching());
     m_listStack->setCurrentIndex(empty ? 1 : 0);
+    // With nothing to select, the list's own text says it all.
+    m_nothingSelected->setVisible(m_controller.store().count() > 0);
     if (empty) {
         m_listTitle->setText(empty->title);
         m_listDetail->setText(empty->detail);

@@ -61,6 +61,7 @@ private:
     QListView *m_list = nullptr;
     QLabel *m_listTitle = nullptr;
     QLabel *m_listDetail = nullptr;
+    QLabel *m_nothingSelected = nullptr;
     QStackedWidget *m_detailStack = nullptr;
     QSplitter *m_splitter = nullptr;
     bool m_placed = false;
