@@ -7,6 +7,7 @@
 #include "app/updater.h"
 #include "capture/mediaprocessor.h"
 #include "capture/proc/zoomprocesses.h"
+#include "capture/wayland/waylandscreensource.h"
 #include "capture/x11/x11screensource.h"
 #include "library/recordingstore.h"
 #include "meeting/permissions.h"
@@ -69,7 +70,11 @@ Application::Application(Options options, QObject *parent)
         m_muteObserver = std::make_unique<ZoomMuteObserver>(
             std::make_unique<platform::AtspiTree>([] { return ProcZoomProcesses().zoomProcesses(); }));
     }
-    m_screens = std::make_unique<X11ScreenSource>();
+    // Under XWayland the X server's root window reads black: a Wayland session films through the portal.
+    if (WaylandScreenSource::isWaylandSession())
+        m_screens = std::make_unique<WaylandScreenSource>();
+    else
+        m_screens = std::make_unique<X11ScreenSource>();
     if (options.promptViews) {
         auto sound = std::make_shared<platform::PromptSound>();
         m_prompt = std::make_unique<ZoomPrompt>(std::move(options.promptViews), [this, sound] {

@@ -2,17 +2,18 @@
 
 #include <QCoreApplication>
 #include <QDBusArgument>
+#include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusUnixFileDescriptor>
 #include <QDBusVariant>
+#include <QEventLoop>
 #include <QList>
 #include <QThread>
+#include <QTimer>
 
-#include <condition_variable>
+#include <atomic>
 #include <fcntl.h>
-#include <map>
-#include <mutex>
 #include <optional>
 
 namespace qm::wayland {
@@ -32,6 +33,14 @@ constexpr int kCallTimeoutMs = 10'000;
 // Cursor modes, as bits of AvailableCursorModes.
 constexpr std::uint32_t kCursorHidden = 1;
 constexpr std::uint32_t kCursorEmbedded = 2;
+
+std::atomic<int> handles{0};
+
+// Tokens are unique in this process, so every request and session has a path of its own.
+QString nextToken()
+{
+    return QStringLiteral("quillmoor%1_%2").arg(QCoreApplication::applicationPid()).arg(++handles);
+}
 
 QSize sizeOf(const QVariant &value)
 {
@@ -74,98 +83,67 @@ QString text(const QVariant &value)
                                                               : value.toString();
 }
 
-} // namespace
-
-struct ScreenCastPortal::Answer {
+struct Answer {
     std::uint32_t code = 2;
-    QVariantMap results; // plain values only
+    QVariantMap results;
     QList<CastStream> streams;
 };
 
-// Lives on the portal's thread: collects the answers to requests and the end of the session.
-class PortalReceiver : public QObject {
+} // namespace
+
+// Lives on the portal's thread and does all of its D-Bus work there.
+class PortalWorker : public QObject {
     Q_OBJECT
 
 public:
-    void expect(const QString &path)
+    void connectBus() { m_bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, nextToken()); }
+    void disconnectBus()
     {
-        const std::lock_guard lock(m_mutex);
-        m_answers.erase(path);
+        const QString name = m_bus.name();
+        m_bus = QDBusConnection(QString());
+        QDBusConnection::disconnectFromBus(name);
     }
 
-    std::optional<ScreenCastPortal::Answer> wait(const QString &path, std::chrono::milliseconds time)
-    {
-        std::unique_lock lock(m_mutex);
-        if (!m_wake.wait_for(lock, time, [&] { return m_answers.count(path) > 0; }))
-            return std::nullopt;
-        ScreenCastPortal::Answer answer = std::move(m_answers[path]);
-        m_answers.erase(path);
-        return answer;
-    }
+    expected<CastStream, PortalFailure> open(SourceType type, const QString &restoreToken,
+                                             std::chrono::milliseconds answerTime);
+    expected<int, PortalFailure> openPipeWireRemote();
+    void close();
 
-    void setClosedHandler(std::function<void()> handler)
-    {
-        const std::lock_guard lock(m_mutex);
-        m_closed = std::move(handler);
-    }
+    QString newToken;
+    std::function<void()> closedHandler;
 
 public Q_SLOTS:
     void response(uint code, const QVariantMap &results, const QDBusMessage &message)
     {
-        ScreenCastPortal::Answer answer;
+        if (message.path() != m_waitingFor || !m_waiting)
+            return;
+        Answer answer;
         answer.code = code;
-        for (auto it = results.begin(); it != results.end(); ++it) {
-            if (it.key() == u"streams")
-                answer.streams = streamsOf(it.value());
-            else if (!it.value().canConvert<QDBusArgument>())
-                answer.results.insert(it.key(), it.value());
-        }
-        {
-            const std::lock_guard lock(m_mutex);
-            m_answers[message.path()] = std::move(answer);
-        }
-        m_wake.notify_all();
+        answer.results = results;
+        answer.streams = streamsOf(results.value(QStringLiteral("streams")));
+        m_answer = std::move(answer);
+        m_waiting->quit();
     }
 
     void sessionClosed()
     {
-        std::function<void()> handler;
-        {
-            const std::lock_guard lock(m_mutex);
-            handler = std::exchange(m_closed, nullptr);
-        }
-        if (handler)
+        if (auto handler = std::exchange(closedHandler, nullptr))
             handler();
     }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    std::map<QString, ScreenCastPortal::Answer> m_answers;
-    std::function<void()> m_closed;
+    expected<Answer, PortalFailure> request(const QString &method, QVariantList arguments, QVariantMap options,
+                                            std::chrono::milliseconds answerTime);
+    std::uint32_t cursorMode(std::uint32_t *version);
+
+    QDBusConnection m_bus{QString()};
+    QString m_session;
+    QString m_waitingFor;
+    QEventLoop *m_waiting = nullptr;
+    std::optional<Answer> m_answer;
 };
 
-ScreenCastPortal::ScreenCastPortal(QDBusConnection bus)
-    : m_bus(std::move(bus)), m_thread(std::make_unique<QThread>()), m_receiver(std::make_unique<PortalReceiver>())
-{
-    m_thread->setObjectName(QStringLiteral("app.quillmoor.portal"));
-    m_receiver->moveToThread(m_thread.get());
-    m_thread->start();
-}
-
-ScreenCastPortal::~ScreenCastPortal()
-{
-    close();
-    m_thread->quit();
-    m_thread->wait();
-}
-
-void ScreenCastPortal::setClosedHandler(std::function<void()> handler)
-{
-    m_receiver->setClosedHandler(std::move(handler));
-}
-
-std::uint32_t ScreenCastPortal::cursorMode(std::uint32_t *version)
+std::uint32_t PortalWorker::cursorMode(std::uint32_t *version)
 {
     auto property = [&](const QString &name) -> std::optional<std::uint32_t> {
         QDBusMessage get = QDBusMessage::createMethodCall(
@@ -180,34 +158,35 @@ std::uint32_t ScreenCastPortal::cursorMode(std::uint32_t *version)
     *version = property(QStringLiteral("version")).value_or(0);
     if (!available)
         return 0;
-    // The compositor draws the pointer into the picture where it can; the picture is filmed without it
-    // otherwise.
+    // The compositor draws the pointer into the picture where it can; otherwise the picture goes without it.
     return (*available & kCursorEmbedded) ? kCursorEmbedded : kCursorHidden;
 }
 
-expected<ScreenCastPortal::Answer, PortalFailure> ScreenCastPortal::request(const QString &method,
-                                                                            QVariantList arguments, QVariantMap options,
-                                                                            std::chrono::milliseconds answerTime)
+expected<Answer, PortalFailure> PortalWorker::request(const QString &method, QVariantList arguments,
+                                                      QVariantMap options, std::chrono::milliseconds answerTime)
 {
-    const QString token = QStringLiteral("quillmoor%1_%2").arg(QCoreApplication::applicationPid()).arg(++m_requests);
+    const QString token = nextToken();
     options.insert(QStringLiteral("handle_token"), token);
-    // The portal's request path is known in advance, so the answer can't arrive before we listen for it.
+    // The request's path is known in advance, so its answer can't arrive before we listen for it.
     QString sender = m_bus.baseService().mid(1);
     sender.replace(QLatin1Char('.'), QLatin1Char('_'));
     const QString path = QStringLiteral("/org/freedesktop/portal/desktop/request/%1/%2").arg(sender, token);
-    m_receiver->expect(path);
     const char *slot = SLOT(response(uint, QVariantMap, QDBusMessage));
-    m_bus.connect(service, path, requestInterface, QStringLiteral("Response"), m_receiver.get(), slot);
-    auto unsubscribe = [&] {
-        m_bus.disconnect(service, path, requestInterface, QStringLiteral("Response"), m_receiver.get(), slot);
-    };
+    m_bus.connect(service, path, requestInterface, QStringLiteral("Response"), this, slot);
+    struct Unsubscribe {
+        std::function<void()> run;
+        ~Unsubscribe() { run(); }
+    } unsubscribe{[&] {
+        m_bus.disconnect(service, path, requestInterface, QStringLiteral("Response"), this, slot);
+        m_waitingFor.clear();
+        m_waiting = nullptr;
+    }};
 
     QDBusMessage call = QDBusMessage::createMethodCall(service, desktopPath, screenCast, method);
     arguments.append(options);
     call.setArguments(arguments);
     const QDBusMessage reply = m_bus.call(call, QDBus::Block, kCallTimeoutMs);
     if (reply.type() == QDBusMessage::ErrorMessage) {
-        unsubscribe();
         const QString detail =
             method + QStringLiteral(": ") + reply.errorName() + QStringLiteral(": ") + reply.errorMessage();
         if (reply.errorName() == u"org.freedesktop.portal.Error.InvalidArgument" &&
@@ -220,39 +199,43 @@ expected<ScreenCastPortal::Answer, PortalFailure> ScreenCastPortal::request(cons
         return unexpected(PortalFailure{PortalFailure::Kind::failed, detail});
     }
 
-    std::optional<Answer> answer = m_receiver->wait(path, answerTime);
-    unsubscribe();
-    if (!answer) {
+    // The answer may have come with the reply already; it waits in the event queue until the loop runs.
+    QEventLoop loop;
+    m_answer.reset();
+    m_waitingFor = path;
+    m_waiting = &loop;
+    QTimer::singleShot(answerTime, &loop, &QEventLoop::quit);
+    loop.exec();
+    if (!m_answer) {
         m_bus.call(QDBusMessage::createMethodCall(service, path, requestInterface, QStringLiteral("Close")),
                    QDBus::Block, kCallTimeoutMs);
         return unexpected(PortalFailure{PortalFailure::Kind::timedOut, method + QStringLiteral(": no answer")});
     }
-    if (answer->code == 1)
+    Answer answer = std::move(*m_answer);
+    if (answer.code == 1)
         return unexpected(PortalFailure{PortalFailure::Kind::cancelled, method + QStringLiteral(": cancelled")});
-    if (answer->code != 0)
+    if (answer.code != 0)
         return unexpected(
-            PortalFailure{PortalFailure::Kind::failed, method + QStringLiteral(": response %1").arg(answer->code)});
-    return std::move(*answer);
+            PortalFailure{PortalFailure::Kind::failed, method + QStringLiteral(": response %1").arg(answer.code)});
+    return answer;
 }
 
-expected<CastStream, PortalFailure> ScreenCastPortal::open(SourceType type, const QString &restoreToken,
-                                                           std::chrono::milliseconds answerTime)
+expected<CastStream, PortalFailure> PortalWorker::open(SourceType type, const QString &restoreToken,
+                                                       std::chrono::milliseconds answerTime)
 {
     std::uint32_t version = 0;
     const std::uint32_t cursor = cursorMode(&version);
     if (cursor == 0)
         return unexpected(PortalFailure{PortalFailure::Kind::unavailable, QStringLiteral("no ScreenCast portal")});
 
-    const QString sessionToken = QStringLiteral("quillmoor%1").arg(QCoreApplication::applicationPid());
-    auto created = request(QStringLiteral("CreateSession"), {},
-                           {{QStringLiteral("session_handle_token"), sessionToken}}, kStepTime);
+    auto created = request(QStringLiteral("CreateSession"), {}, {{QStringLiteral("session_handle_token"), nextToken()}},
+                           kStepTime);
     if (!created)
         return unexpected(created.error());
     m_session = text(created->results.value(QStringLiteral("session_handle")));
     if (m_session.isEmpty())
         return unexpected(PortalFailure{PortalFailure::Kind::failed, QStringLiteral("no session handle")});
-    m_bus.connect(service, m_session, sessionInterface, QStringLiteral("Closed"), m_receiver.get(),
-                  SLOT(sessionClosed()));
+    m_bus.connect(service, m_session, sessionInterface, QStringLiteral("Closed"), this, SLOT(sessionClosed()));
 
     QVariantMap selection{
         {QStringLiteral("types"), std::uint32_t(type)},
@@ -276,11 +259,11 @@ expected<CastStream, PortalFailure> ScreenCastPortal::open(SourceType type, cons
         return failed(started.error());
     if (started->streams.isEmpty())
         return failed(PortalFailure{PortalFailure::Kind::failed, QStringLiteral("Start: no stream")});
-    m_newToken = started->results.value(QStringLiteral("restore_token")).toString();
+    newToken = started->results.value(QStringLiteral("restore_token")).toString();
     return started->streams.constFirst();
 }
 
-expected<int, PortalFailure> ScreenCastPortal::openPipeWireRemote()
+expected<int, PortalFailure> PortalWorker::openPipeWireRemote()
 {
     QDBusMessage call =
         QDBusMessage::createMethodCall(service, desktopPath, screenCast, QStringLiteral("OpenPipeWireRemote"));
@@ -297,16 +280,70 @@ expected<int, PortalFailure> ScreenCastPortal::openPipeWireRemote()
     return fd;
 }
 
-void ScreenCastPortal::close()
+void PortalWorker::close()
 {
-    m_receiver->setClosedHandler(nullptr);
+    closedHandler = nullptr;
     if (m_session.isEmpty())
         return;
-    m_bus.disconnect(service, m_session, sessionInterface, QStringLiteral("Closed"), m_receiver.get(),
-                     SLOT(sessionClosed()));
+    m_bus.disconnect(service, m_session, sessionInterface, QStringLiteral("Closed"), this, SLOT(sessionClosed()));
     m_bus.call(QDBusMessage::createMethodCall(service, m_session, sessionInterface, QStringLiteral("Close")),
                QDBus::Block, kCallTimeoutMs);
     m_session.clear();
+}
+
+ScreenCastPortal::ScreenCastPortal() : m_thread(std::make_unique<QThread>()), m_worker(std::make_unique<PortalWorker>())
+{
+    m_thread->setObjectName(QStringLiteral("app.quillmoor.portal"));
+    m_worker->moveToThread(m_thread.get());
+    m_thread->start();
+    run([this] { m_worker->connectBus(); });
+}
+
+ScreenCastPortal::~ScreenCastPortal()
+{
+    run([this] {
+        m_worker->close();
+        m_worker->disconnectBus();
+    });
+    m_thread->quit();
+    m_thread->wait();
+}
+
+void ScreenCastPortal::run(std::function<void()> work)
+{
+    QMetaObject::invokeMethod(m_worker.get(), std::move(work), Qt::BlockingQueuedConnection);
+}
+
+expected<CastStream, PortalFailure> ScreenCastPortal::open(SourceType type, const QString &restoreToken,
+                                                           std::chrono::milliseconds answerTime)
+{
+    expected<CastStream, PortalFailure> result = unexpected(PortalFailure{});
+    run([&] { result = m_worker->open(type, restoreToken, answerTime); });
+    return result;
+}
+
+QString ScreenCastPortal::newRestoreToken()
+{
+    QString token;
+    run([&] { token = m_worker->newToken; });
+    return token;
+}
+
+expected<int, PortalFailure> ScreenCastPortal::openPipeWireRemote()
+{
+    expected<int, PortalFailure> result = unexpected(PortalFailure{});
+    run([&] { result = m_worker->openPipeWireRemote(); });
+    return result;
+}
+
+void ScreenCastPortal::setClosedHandler(std::function<void()> handler)
+{
+    run([&] { m_worker->closedHandler = std::move(handler); });
+}
+
+void ScreenCastPortal::close()
+{
+    run([this] { m_worker->close(); });
 }
 
 } // namespace qm::wayland

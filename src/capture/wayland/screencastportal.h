@@ -3,7 +3,6 @@
 #include "capture/wayland/restoretokens.h"
 #include "library/result.h"
 
-#include <QDBusConnection>
 #include <QSize>
 #include <QString>
 
@@ -16,7 +15,7 @@ class QThread;
 
 namespace qm::wayland {
 
-class PortalReceiver;
+class PortalWorker;
 
 // Why the portal gave no screen cast.
 struct PortalFailure {
@@ -43,12 +42,12 @@ struct CastStream {
 // OpenPipeWireRemote. Every call answers later through a Request object, whose Response signal is subscribed
 // to before the call is made.
 //
-// The calls block their caller (any thread but the portal's own) until the portal answers or the time runs
-// out; the signals are received on a thread of this object's ("app.quillmoor.portal"). The session is closed
-// when the object goes away.
+// All D-Bus traffic runs on a thread of this object's ("app.quillmoor.portal") over a session-bus connection of
+// its own, so that answers arrive while the caller, whichever thread it is, waits. The calls block their caller
+// until the portal answers or the time runs out. The session is closed when the object goes away.
 class ScreenCastPortal {
 public:
-    explicit ScreenCastPortal(QDBusConnection bus = QDBusConnection::sessionBus());
+    ScreenCastPortal();
     ~ScreenCastPortal();
 
     ScreenCastPortal(const ScreenCastPortal &) = delete;
@@ -60,7 +59,7 @@ public:
     expected<CastStream, PortalFailure> open(SourceType type, const QString &restoreToken,
                                              std::chrono::milliseconds answerTime);
     // The token Start returned for the next session (empty when the desktop keeps no choices).
-    QString newRestoreToken() const { return m_newToken; }
+    QString newRestoreToken();
     // A descriptor of PipeWire's connection for this session, owned by the caller.
     expected<int, PortalFailure> openPipeWireRemote();
     // Called once, on the portal's thread, when the desktop ends a started session. Set before open().
@@ -69,18 +68,10 @@ public:
     void close();
 
 private:
-    struct Answer;
-    friend class PortalReceiver;
-    expected<Answer, PortalFailure> request(const QString &method, QVariantList arguments, QVariantMap options,
-                                            std::chrono::milliseconds answerTime);
-    std::uint32_t cursorMode(std::uint32_t *version);
+    void run(std::function<void()> work);
 
-    QDBusConnection m_bus;
     std::unique_ptr<QThread> m_thread;
-    std::unique_ptr<PortalReceiver> m_receiver;
-    QString m_session;
-    QString m_newToken;
-    int m_requests = 0;
+    std::unique_ptr<PortalWorker> m_worker;
 };
 
 } // namespace qm::wayland

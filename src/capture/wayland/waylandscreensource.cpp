@@ -111,7 +111,7 @@ expected<std::unique_ptr<WaylandScreenSource::Cast>, CaptureFailure> WaylandScre
     auto cast = std::make_unique<Cast>(*m_options.clock);
     Cast *shared = cast.get();
     auto ask = [&](const QString &token) {
-        cast->portal = std::make_unique<ScreenCastPortal>(m_options.bus);
+        cast->portal = std::make_unique<ScreenCastPortal>();
         cast->portal->setClosedHandler([shared] { shared->end(QStringLiteral("the desktop closed the session")); });
         return cast->portal->open(type, token, m_options.answerTime);
     };

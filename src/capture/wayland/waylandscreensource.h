@@ -4,8 +4,6 @@
 #include "capture/screensource.h"
 #include "capture/wayland/restoretokens.h"
 
-#include <QDBusConnection>
-
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -21,7 +19,6 @@ class ScreenCastPortal;
 } // namespace wayland
 
 struct WaylandSourceOptions {
-    QDBusConnection bus = QDBusConnection::sessionBus();
     QString tokenFile;                             // empty: RestoreTokens' default
     std::chrono::milliseconds answerTime{180'000}; // how long the user may take in the dialog
     const HostClock *clock = nullptr;              // null: the monotonic clock

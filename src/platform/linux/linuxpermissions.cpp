@@ -1,5 +1,7 @@
 #include "platform/linux/linuxpermissions.h"
 
+#include "capture/wayland/restoretokens.h"
+#include "capture/wayland/waylandscreensource.h"
 #include "platform/linux/pulsesnapshot.h"
 
 #include <QCoreApplication>
@@ -33,12 +35,6 @@ QDBusMessage busCall(const QString &method)
                                           QStringLiteral("org.freedesktop.DBus"), method);
 }
 
-bool waylandSession()
-{
-    return qEnvironmentVariable("XDG_SESSION_TYPE") == QLatin1String("wayland") ||
-           (qEnvironmentVariableIsSet("WAYLAND_DISPLAY") && !qEnvironmentVariableIsSet("DISPLAY"));
-}
-
 } // namespace
 
 LinuxPermissionSources::LinuxPermissionSources(std::function<bool()> modelInstalled, QDBusConnection bus,
@@ -64,8 +60,16 @@ PermissionStatus LinuxPermissionSources::microphone()
 
 PermissionStatus LinuxPermissionSources::screenRecording()
 {
-    if (waylandSession())
-        return PermissionStatus::notAsked;
+    if (WaylandScreenSource::isWaylandSession()) {
+        switch (wayland::RestoreTokens().consent()) {
+        case wayland::ShareConsent::granted:
+            return PermissionStatus::granted;
+        case wayland::ShareConsent::declined:
+            return PermissionStatus::denied;
+        case wayland::ShareConsent::notAsked:
+            return PermissionStatus::notAsked;
+        }
+    }
     return qEnvironmentVariableIsSet("DISPLAY") ? PermissionStatus::granted : PermissionStatus::denied;
 }
 

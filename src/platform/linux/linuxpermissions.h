@@ -21,8 +21,8 @@ struct PermissionServices {
 // Permission statuses from Linux sources:
 // - microphone: the sound server accepts a connection and has an input that isn't a monitor, and GNOME's
 //   privacy switch doesn't disable the microphone (never notAsked);
-// - screenRecording: granted in an X11 session; in a Wayland session notAsked (the portal decides when capture
-//   starts);
+// - screenRecording: granted in an X11 session; in a Wayland session notAsked until the desktop's screen-share
+//   dialog has been answered, granted once a restore token is stored, denied after the user cancelled it;
 // - accessibility: org.a11y.Status.IsEnabled of the accessibility bus;
 // - speechRecognition: `modelInstalled()`; notAsked until the model is there;
 // - notifications: a notification server owns, or can be started for, its name on the session bus;
