@@ -127,6 +127,9 @@ public Q_SLOTS:
 
     void sessionClosed()
     {
+        // A session that ends before it started (a cancelled dialog) is reported by Start's answer.
+        if (!m_started)
+            return;
         if (auto handler = std::exchange(closedHandler, nullptr))
             handler();
     }
@@ -138,6 +141,7 @@ private:
 
     QDBusConnection m_bus{QString()};
     QString m_session;
+    bool m_started = false;
     QString m_waitingFor;
     QEventLoop *m_waiting = nullptr;
     std::optional<Answer> m_answer;
@@ -260,6 +264,7 @@ expected<CastStream, PortalFailure> PortalWorker::open(SourceType type, const QS
     if (started->streams.isEmpty())
         return failed(PortalFailure{PortalFailure::Kind::failed, QStringLiteral("Start: no stream")});
     newToken = started->results.value(QStringLiteral("restore_token")).toString();
+    m_started = true;
     return started->streams.constFirst();
 }
 
@@ -289,6 +294,7 @@ void PortalWorker::close()
     m_bus.call(QDBusMessage::createMethodCall(service, m_session, sessionInterface, QStringLiteral("Close")),
                QDBus::Block, kCallTimeoutMs);
     m_session.clear();
+    m_started = false;
 }
 
 ScreenCastPortal::ScreenCastPortal() : m_thread(std::make_unique<QThread>()), m_worker(std::make_unique<PortalWorker>())

@@ -45,7 +45,7 @@ class TestWaylandPortal : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        if (qEnvironmentVariableIsEmpty("QM_TEST_NODE"))
+        if (qEnvironmentVariableIsEmpty("QM_TEST_SIZE"))
             QSKIP("needs tests/support/wayland/session portal");
         const QStringList size = qEnvironmentVariable("QM_TEST_SIZE").split(QLatin1Char('x'));
         m_size = QSize(size.value(0).toInt(), size.value(1).toInt());
