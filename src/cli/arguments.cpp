@@ -1,5 +1,7 @@
 #include "cli/arguments.h"
 
+#include "cli/settingkeys.h"
+
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
@@ -172,6 +174,8 @@ expected<Invocation, UsageError> parseCommand(const CommandInfo &command, const 
     if (helped) {
         out.command = Command::help;
         out.helpText = parser.helpText();
+        if (name == QLatin1String("config"))
+            out.helpText += tr("\nSettings:\n  ") + settingKeys().join(QStringLiteral("\n  ")) + u'\n';
         return out;
     }
     const QStringList positional = parser->positionalArguments();
@@ -364,8 +368,11 @@ std::optional<std::chrono::milliseconds> parseDuration(const QString &text)
 
 std::optional<TranscriptionProvider> parseProvider(const QString &text)
 {
+    // The command line's word ("on-device") and the stored name ("onDevice") mean the same engine.
+    const QString word = text.trimmed();
     for (TranscriptionProvider provider : allCases<TranscriptionProvider>()) {
-        if (text.compare(providerWord(provider), Qt::CaseInsensitive) == 0)
+        if (word.compare(providerWord(provider), Qt::CaseInsensitive) == 0 ||
+            word.compare(rawValue(provider), Qt::CaseInsensitive) == 0)
             return provider;
     }
     return std::nullopt;

@@ -1,8 +1,11 @@
 #include "cli/settingkeys.h"
 
 #include "app/appsettings.h"
+#include "cli/arguments.h"
+#include "transcription/whisper/modellibrary.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 
 #include <functional>
 
@@ -107,6 +110,51 @@ Entry model(TranscriptionProvider provider)
             }};
 }
 
+// Stored as "onDevice", "deepgram", …; the command line's own words ("on-device") are taken too, as written.
+Entry provider()
+{
+    return {QStringLiteral("provider"), [](const AppSettings &s) { return rawValue(s.provider()); },
+            [](AppSettings &s, const QString &value) -> expected<void, QString> {
+                std::optional<TranscriptionProvider> parsed = fromRawValue<TranscriptionProvider>(value.trimmed());
+                for (TranscriptionProvider each : allCases<TranscriptionProvider>()) {
+                    if (!parsed && value.trimmed() == providerWord(each))
+                        parsed = each;
+                }
+                if (!parsed) {
+                    QStringList allowed;
+                    for (TranscriptionProvider each : allCases<TranscriptionProvider>())
+                        allowed.append(rawValue(each));
+                    return unexpected(
+                        tr("provider is one of %1, not “%2”.").arg(allowed.join(QStringLiteral(", ")), value));
+                }
+                s.setProvider(*parsed);
+                return {};
+            }};
+}
+
+// The on-device model: a published name ("small", "base.en"), or a model file or CTranslate2 folder already on
+// this computer, kept as an absolute path so that the app finds it whatever its working folder; empty goes back
+// to the default.
+Entry onDeviceModel()
+{
+    Entry entry = model(TranscriptionProvider::onDevice);
+    entry.set = [](AppSettings &s, const QString &value) -> expected<void, QString> {
+        const QString chosen = value.trimmed();
+        if (chosen.isEmpty() || whisper::ModelLibrary::isPublishedName(chosen)) {
+            s.setModel(chosen, TranscriptionProvider::onDevice);
+            return {};
+        }
+        const QFileInfo local(chosen);
+        if (!local.exists())
+            return unexpected(tr("models/onDevice is a model name (tiny, base, small or medium, with .en for "
+                                 "English only) or the path of a model file or folder, not “%1”.")
+                                  .arg(value));
+        s.setModel(local.absoluteFilePath(), TranscriptionProvider::onDevice);
+        return {};
+    };
+    return entry;
+}
+
 const QList<Entry> &entries()
 {
     using S = AppSettings;
@@ -126,7 +174,7 @@ const QList<Entry> &entries()
             oneOf("videoFrameRate", {10, 15, 30}, &S::videoFrameRate, &S::setVideoFrameRate),
             number("videoDisplayID", &S::videoDisplayID, &S::setVideoDisplayID),
             flag("autoTranscribe", &S::autoTranscribe, &S::setAutoTranscribe),
-            choice<TranscriptionProvider>("provider", &S::provider, &S::setProvider),
+            provider(),
             choice<TranscriptionLanguage>("language", &S::language, &S::setLanguage),
             flag("detectSpeakers", &S::detectSpeakers, &S::setDetectSpeakers),
             flag("labelMyVoice", &S::labelMyVoice, &S::setLabelMyVoice),
@@ -137,8 +185,9 @@ const QList<Entry> &entries()
             flag("driveIncludeMedia", &S::driveIncludeMedia, &S::setDriveIncludeMedia),
             flag("driveIncludeTranscript", &S::driveIncludeTranscript, &S::setDriveIncludeTranscript),
         };
-        for (TranscriptionProvider provider : kCloudProviders)
-            list.append(model(provider));
+        list.append(onDeviceModel());
+        for (TranscriptionProvider cloud : kCloudProviders)
+            list.append(model(cloud));
         return list;
     }();
     return all;

@@ -100,6 +100,8 @@ private Q_SLOTS:
         row("list as JSON", {u"list"_s, u"--json"_s}, "list json");
         row("provider for one run", {u"transcribe"_s, u"Weekly"_s, u"--provider"_s, u"on-device"_s},
             "transcribe Weekly onDevice");
+        row("provider as stored", {u"transcribe"_s, u"Weekly"_s, u"--provider"_s, u"onDevice"_s},
+            "transcribe Weekly onDevice");
         row("unknown provider", {u"transcribe"_s, u"x"_s, u"--provider"_s, u"whisper"_s}, "usage: “whisper”");
         row("export to a file", {u"export"_s, u"x"_s, u"--format"_s, u"srt"_s, u"-o"_s, u"out.srt"_s},
             "export x 2 out.srt");
@@ -230,12 +232,16 @@ private Q_SLOTS:
         QTest::newRow("flag as a number") << u"driveSyncEnabled"_s << u"1"_s << u"true"_s;
         QTest::newRow("flag, wrong word") << u"driveSyncEnabled"_s << u"yes please"_s << u"error: true or false"_s;
         QTest::newRow("choice") << u"provider"_s << u"deepgram"_s << u"deepgram"_s;
-        QTest::newRow("choice, stored spelling only") << u"provider"_s << u"Deepgram"_s << u"error: onDevice"_s;
+        QTest::newRow("choice, as written only") << u"provider"_s << u"Deepgram"_s << u"error: onDevice"_s;
+        QTest::newRow("provider, command-line word") << u"provider"_s << u"on-device"_s << u"onDevice"_s;
         QTest::newRow("language auto") << u"language"_s << u"auto"_s << u"auto"_s;
         QTest::newRow("number") << u"videoFrameRate"_s << u"30"_s << u"30"_s;
-        QTest::newRow("not a number") << u"videoFrameRate"_s << u"fast"_s << u"error: whole number"_s;
+        QTest::newRow("not an offered rate") << u"videoFrameRate"_s << u"fast"_s << u"error: one of 10, 15, 30"_s;
         QTest::newRow("text") << u"driveRootPath"_s << u"/media/drive"_s << u"/media/drive"_s;
         QTest::newRow("a provider's model") << u"models/deepgram"_s << u"nova-3"_s << u"nova-3"_s;
+        QTest::newRow("on-device model by name") << u"models/onDevice"_s << u"small.en"_s << u"small.en"_s;
+        QTest::newRow("on-device model on disk") << u"models/onDevice"_s << QDir::tempPath() << QDir::tempPath();
+        QTest::newRow("on-device model unknown") << u"models/onDevice"_s << u"huge"_s << u"error: “huge”"_s;
         QTest::newRow("unknown key") << u"autoTranscibe"_s << u"true"_s << u"error: no setting “autoTranscibe”"_s;
     }
 
@@ -259,6 +265,14 @@ private Q_SLOTS:
         // A fresh settings object reads what the file now holds.
         AppSettings reread(keychain, config.path(), config.path());
         QCOMPARE(settingValue(reread, key).value_or(u"?"_s), readBack);
+    }
+
+    void configHelpListsTheKeys()
+    {
+        const auto parsed = parseArguments({u"quillmoor"_s, u"config"_s, u"--help"_s});
+        QVERIFY(parsed && parsed->command == Command::help);
+        for (const QString &key : settingKeys())
+            QVERIFY2(parsed->helpText.contains(u"\n  "_s + key + u'\n'), qPrintable(key));
     }
 
     void meterTexts()

@@ -104,8 +104,8 @@ AboutPane::AboutPane(Parts parts, QWidget *parent) : QWidget(parent), m_parts(pa
     });
     form.row(tr("Library:"), library);
     form.row(tr("Settings:"), pathField(settingsFile()));
-    form.row(tr("API keys:"), valueLabel(tr("Your desktop's keyring, under “%1”").arg(QLatin1String(kKeyringService))));
-    form.row(tr("Logs:"), valueLabel(tr("The system journal: journalctl -t quillmoor")));
+    form.row(tr("API keys:"), pathField(tr("The desktop keyring, service %1").arg(QLatin1String(kKeyringService))));
+    form.row(tr("Logs:"), pathField(tr("The system journal: journalctl -t quillmoor")));
     form.row(tr("Speech models:"), pathField(parts.library.directory()));
     form.gap();
 

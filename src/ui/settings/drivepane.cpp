@@ -9,7 +9,6 @@
 
 #include <QDir>
 #include <QFileDialog>
-#include <QFormLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPointer>
@@ -23,7 +22,6 @@ DrivePane::DrivePane(AppSettings &settings, AppController &controller, QWidget *
     : QWidget(parent), m_settings(settings), m_controller(controller)
 {
     PaneForm form(this, tr("Google Drive"));
-    m_form = form.form();
 
     auto *enabled = new QCheckBox(tr("Copy finished recordings to Google Drive"));
     enabled->setObjectName(QStringLiteral("driveSyncEnabled"));
@@ -47,6 +45,7 @@ DrivePane::DrivePane(AppSettings &settings, AppController &controller, QWidget *
     form.note(tr("Quillmoor finds Drive folders mounted with rclone or google-drive-ocamlfuse, and Insync "
                  "folders."));
     connect(&settings, &AppSettings::driveRootPathChanged, this, &DrivePane::refreshFolder);
+    form.gap();
 
     auto *subfolder = new QLineEdit;
     subfolder->setObjectName(QStringLiteral("driveSubfolder"));
@@ -95,7 +94,7 @@ void DrivePane::refreshFolder()
     m_path->setText(QDir::toNativeSeparators(m_folder.path));
     m_path->setCursorPosition(0);
     m_path->setToolTip(m_path->text());
-    m_form->setRowVisible(m_path, !m_folder.path.isEmpty());
+    m_path->setVisible(!m_folder.path.isEmpty());
     m_useDetected->setEnabled(m_folder.chosen);
     showCopy();
 }

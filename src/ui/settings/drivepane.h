@@ -5,7 +5,6 @@
 #include <QCoroTask>
 #include <QWidget>
 
-class QFormLayout;
 class QLabel;
 class QLineEdit;
 class QProgressBar;
@@ -40,7 +39,6 @@ private:
     DriveCopyProgress m_copy;
     QLabel *m_heading = nullptr;
     QLineEdit *m_path = nullptr;
-    QFormLayout *m_form = nullptr;
     QPushButton *m_useDetected = nullptr;
     QPushButton *m_copyAll = nullptr;
     QProgressBar *m_progress = nullptr;

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <QList>
 #include <QString>
 
+#include <initializer_list>
+
 class QBoxLayout;
-class QFormLayout;
+class QGridLayout;
 class QLabel;
 class QLayout;
 class QLineEdit;
@@ -18,10 +21,17 @@ class PaneForm {
 public:
     // Fills `pane`, which must not have a layout yet.
     PaneForm(QWidget *pane, const QString &title);
+    // Fills a part of a pane that is shown or hidden as a whole (a page of a stack): no title, no margins.
+    explicit PaneForm(QWidget *part);
+
+    // Gives the label column of these forms the width of the widest, so that forms stacked in one pane line up
+    // as one. Call once all rows are in.
+    static void alignLabels(std::initializer_list<const PaneForm *> forms);
 
     // A row: `label` (with its mnemonic, "&Format:") beside `field`; the label's buddy is `field`.
     void row(const QString &label, QWidget *field);
-    // A row whose field is several controls side by side; the label's buddy is `buddy`.
+    // A row whose field is several controls (side by side, or one under the other); the label's buddy is
+    // `buddy`.
     void row(const QString &label, QLayout *field, QWidget *buddy = nullptr);
     // A row with nothing in the label column (a check box under the one before, a line of buttons).
     void row(QWidget *field);
@@ -35,12 +45,17 @@ public:
     // Pushes everything up; call once, after the last row.
     void finish();
 
-    QFormLayout *form() const { return m_form; }
+    QGridLayout *grid() const { return m_grid; }
 
 private:
+    QLabel *label(const QString &text, QWidget *buddy, bool besideSeveral);
+    void field(QWidget *widget);
+
     QWidget *m_pane;
     QBoxLayout *m_column;
-    QFormLayout *m_form;
+    QGridLayout *m_grid;
+    QList<QLabel *> m_labels;
+    int m_row = 0;
 };
 
 // A label with the dimmer, smaller look of a note, for text that is not part of a form row.

@@ -2,7 +2,6 @@
 
 #include "ui/settings/paneform.h"
 
-#include <QFormLayout>
 #include <QFrame>
 #include <QGridLayout>
 #include <QLabel>
@@ -40,11 +39,14 @@ QPixmap light(PermissionStatus status, qreal ratio)
     return dot;
 }
 
-QFrame *separator()
+// A hairline in the palette's mid tone: a sunken frame line is drawn in the light tone, which glares on a
+// dark palette.
+QWidget *separator()
 {
-    auto *line = new QFrame;
-    line->setFrameShape(QFrame::HLine);
-    line->setFrameShadow(QFrame::Sunken);
+    auto *line = new QWidget;
+    line->setFixedHeight(1);
+    line->setAutoFillBackground(true);
+    line->setBackgroundRole(QPalette::Mid);
     return line;
 }
 
@@ -110,7 +112,7 @@ PermissionsPane::PermissionsPane(Permissions &permissions, QWidget *parent)
     auto *again = new QPushButton(tr("Check Again"));
     connect(again, &QPushButton::clicked, &permissions, &Permissions::refresh);
     form.wide(again);
-    form.form()->setAlignment(again, Qt::AlignRight);
+    form.grid()->setAlignment(again, Qt::AlignRight);
     form.finish();
 
     display(rows);

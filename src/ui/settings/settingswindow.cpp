@@ -63,9 +63,11 @@ SettingsWindow::SettingsWindow(qm::Application &app, QWidget *parent) : QWidget(
     m_sidebar->setAccessibleName(tr("Settings sections"));
     m_stack = new QStackedWidget;
 
-    auto *line = new QFrame;
-    line->setFrameShape(QFrame::VLine);
-    line->setFrameShadow(QFrame::Sunken);
+    // The list's own background sets it apart; a hairline in the mid tone marks the edge on either palette.
+    auto *line = new QWidget;
+    line->setFixedWidth(1);
+    line->setAutoFillBackground(true);
+    line->setBackgroundRole(QPalette::Mid);
     auto *layout = new QHBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
@@ -76,7 +78,7 @@ SettingsWindow::SettingsWindow(qm::Application &app, QWidget *parent) : QWidget(
     addPane(Pane::general, tr("General"), {QStringLiteral("preferences-system"), QStringLiteral("configure")},
             new GeneralPane(app.settings(), app.permissions(), app.updater()));
     addPane(Pane::permissions, tr("Permissions"),
-            {QStringLiteral("preferences-system-privacy"), QStringLiteral("security-high")},
+            {QStringLiteral("security-high"), QStringLiteral("preferences-system-privacy")},
             new PermissionsPane(app.permissions()));
     m_recording = new RecordingPane(app.settings(), *m_devices, &app.screens());
     addPane(Pane::recording, tr("Recording"),
@@ -110,7 +112,7 @@ SettingsWindow::SettingsWindow(qm::Application &app, QWidget *parent) : QWidget(
     connect(new QShortcut(QKeySequence::Close, this), &QShortcut::activated, this, &QWidget::close);
     connect(new QShortcut(QKeySequence(Qt::Key_Escape), this), &QShortcut::activated, this, &QWidget::close);
 
-    resize(860, 640);
+    resize(860, 620);
 }
 
 SettingsWindow::~SettingsWindow() = default;

@@ -15,6 +15,7 @@
 #include <QPointer>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QStackedWidget>
 #include <QStringListModel>
 #include <QTreeWidget>
 
@@ -30,7 +31,6 @@ TranscriptionPane::TranscriptionPane(AppSettings &settings, ModelManager &models
     : QWidget(parent), m_settings(settings), m_models(models)
 {
     PaneForm form(this, tr("Transcription"));
-    m_form = form.form();
 
     auto *provider = new QComboBox;
     provider->setObjectName(QStringLiteral("provider"));
@@ -66,8 +66,13 @@ TranscriptionPane::TranscriptionPane(AppSettings &settings, ModelManager &models
     form.row(tr("My &name:"), name);
     form.gap();
 
-    buildCloudRows(form);
-    buildModelRows(form);
+    // The provider's own options: a page for the cloud services, one for the on-device models.
+    m_pages = new QStackedWidget;
+    m_cloudPage = buildCloudPage(form);
+    m_modelPage = buildModelPage();
+    m_pages->addWidget(m_cloudPage);
+    m_pages->addWidget(m_modelPage);
+    form.wide(m_pages);
     form.finish();
 
     showProvider();
@@ -79,8 +84,10 @@ TranscriptionPane::TranscriptionPane(AppSettings &settings, ModelManager &models
     });
 }
 
-void TranscriptionPane::buildCloudRows(PaneForm &form)
+QWidget *TranscriptionPane::buildCloudPage(const PaneForm &main)
 {
+    auto *page = new QWidget;
+    PaneForm form(page);
     m_key = new QLineEdit;
     m_key->setObjectName(QStringLiteral("apiKey"));
     m_key->setEchoMode(QLineEdit::Password);
@@ -115,11 +122,15 @@ void TranscriptionPane::buildCloudRows(PaneForm &form)
         m_model->setModified(false);
     });
     form.row(tr("&Model:"), m_model);
-    m_cloudRows = {m_key, m_keyStatus, checkRow, m_model};
+    PaneForm::alignLabels({&main, &form});
+    return page;
 }
 
-void TranscriptionPane::buildModelRows(PaneForm &form)
+QWidget *TranscriptionPane::buildModelPage()
 {
+    auto *page = new QWidget;
+    auto *rows = new QVBoxLayout(page);
+    rows->setContentsMargins(0, 0, 0, 0);
     m_list = new QTreeWidget;
     m_list->setObjectName(QStringLiteral("models"));
     m_list->setHeaderLabels({tr("Model"), tr("Size"), tr("Status")});
@@ -139,7 +150,7 @@ void TranscriptionPane::buildModelRows(PaneForm &form)
     column->setContentsMargins(0, 0, 0, 0);
     column->addWidget(label);
     column->addWidget(m_list);
-    form.wide(listBox);
+    rows->addWidget(listBox);
 
     m_download = new QPushButton(tr("Download"));
     m_cancel = new QPushButton(tr("Cancel Download"));
@@ -153,7 +164,7 @@ void TranscriptionPane::buildModelRows(PaneForm &form)
     connect(m_delete, &QPushButton::clicked, this, [this] { m_models.remove(selectedModel()); });
     auto *actions = new QWidget;
     actions->setLayout(sideBySide({m_download, m_cancel, m_use, m_delete}));
-    form.wide(actions);
+    rows->addWidget(actions);
 
     auto *file = new QPushButton(tr("Use a Model File…"));
     auto *folder = new QPushButton(tr("Use a Model Folder…"));
@@ -163,31 +174,36 @@ void TranscriptionPane::buildModelRows(PaneForm &form)
     connect(standard, &QPushButton::clicked, this, [this] { m_models.use(QString()); });
     auto *own = new QWidget;
     own->setLayout(sideBySide({file, folder, standard}));
-    form.wide(own);
+    rows->addWidget(own);
 
     m_modelProblem = new QLabel;
     m_modelProblem->setWordWrap(true);
-    form.wide(m_modelProblem);
+    rows->addWidget(m_modelProblem);
     QLabel *about = noteLabel(tr("Models run on this computer and nothing leaves it. Without a chosen model, "
                                  "Quillmoor uses base, or base.en when the language is English. A model file "
                                  "(ggml .bin) or a CTranslate2 folder you already have works too."));
-    form.wide(about);
-    m_deviceRows = {listBox, actions, own, m_modelProblem, about};
+    rows->addWidget(about);
 
     connect(&m_models, &ModelManager::changed, this, &TranscriptionPane::showModels);
-    connect(&m_models, &ModelManager::failed, m_modelProblem, &QLabel::setText);
-    connect(&m_models, &ModelManager::installedChanged, m_modelProblem, &QLabel::clear);
+    m_modelProblem->hide();
+    connect(&m_models, &ModelManager::failed, m_modelProblem, [this](const QString &message) {
+        m_modelProblem->setText(message);
+        m_modelProblem->show();
+    });
+    connect(&m_models, &ModelManager::installedChanged, m_modelProblem, &QLabel::hide);
     showModels();
+    return page;
 }
 
 void TranscriptionPane::showProvider()
 {
     m_provider = m_settings.provider();
     const bool cloud = m_provider != TranscriptionProvider::onDevice;
-    for (QWidget *row : std::as_const(m_cloudRows))
-        m_form->setRowVisible(row, cloud);
-    for (QWidget *row : std::as_const(m_deviceRows))
-        m_form->setRowVisible(row, !cloud);
+    // The stack takes the height of the page shown, not of the taller one.
+    m_pages->setCurrentWidget(cloud ? m_cloudPage : m_modelPage);
+    m_cloudPage->setSizePolicy(QSizePolicy::Preferred, cloud ? QSizePolicy::Preferred : QSizePolicy::Ignored);
+    m_modelPage->setSizePolicy(QSizePolicy::Preferred, cloud ? QSizePolicy::Ignored : QSizePolicy::Preferred);
+    m_pages->adjustSize();
     if (!cloud)
         return;
     m_checkResult->clear();
@@ -260,6 +276,8 @@ void TranscriptionPane::showModels()
     for (const ModelRow &row : rows) {
         auto *item = new QTreeWidgetItem(m_list, {row.title, row.size, row.status});
         item->setData(Column::name, Qt::UserRole, row.model);
+        // The height goes on the stretching column: the others size themselves to their text.
+        item->setSizeHint(Column::status, QSize(0, m_list->fontMetrics().height() + 8));
         if (row.inUse) {
             QFont bold = item->font(Column::name);
             bold.setBold(true);
@@ -277,6 +295,10 @@ void TranscriptionPane::showModels()
         if (row.model == selected || (selected.isEmpty() && row.inUse))
             m_list->setCurrentItem(item);
     }
+    // Tall enough for every row, so the list never scrolls and leaves no empty space below.
+    const int rowsHeight = m_list->fontMetrics().height() + 8;
+    m_list->setFixedHeight(m_list->header()->sizeHint().height() + int(rows.size()) * rowsHeight +
+                           2 * m_list->frameWidth() + 2);
     showModelButtons();
 }
 

@@ -5,10 +5,10 @@
 #include <QCoroTask>
 #include <QWidget>
 
-class QFormLayout;
 class QLabel;
 class QLineEdit;
 class QPushButton;
+class QStackedWidget;
 class QTreeWidget;
 
 namespace qm {
@@ -32,8 +32,8 @@ public:
     void refreshKey();
 
 private:
-    void buildCloudRows(PaneForm &form);
-    void buildModelRows(PaneForm &form);
+    QWidget *buildCloudPage(const PaneForm &main);
+    QWidget *buildModelPage();
     void showProvider();
     void commitKey();
     QCoro::Task<> checkKey();
@@ -47,10 +47,9 @@ private:
     TranscriptionProvider m_provider = TranscriptionProvider::onDevice;
     bool m_keyStored = false;
     bool m_checking = false;
-    QFormLayout *m_form = nullptr;
-
-    QList<QWidget *> m_cloudRows;
-    QList<QWidget *> m_deviceRows;
+    QStackedWidget *m_pages = nullptr;
+    QWidget *m_cloudPage = nullptr;
+    QWidget *m_modelPage = nullptr;
     QLineEdit *m_key = nullptr;
     QLabel *m_keyStatus = nullptr;
     QPushButton *m_check = nullptr;

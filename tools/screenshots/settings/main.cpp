@@ -48,8 +48,8 @@ int main(int argc, char *argv[])
             window.showPane(pane);
             save(&window, name);
         }
-        app.settings().setProvider(qm::TranscriptionProvider::deepgram);
         app.settings().setAPIKey(QStringLiteral("screenshot-key"), qm::TranscriptionProvider::deepgram);
+        app.settings().setProvider(qm::TranscriptionProvider::deepgram);
         window.showPane(SettingsWindow::Pane::transcription);
         save(&window, QStringLiteral("settings-transcription-cloud"));
         app.settings().setAPIKey(QString(), qm::TranscriptionProvider::deepgram);
