@@ -29,6 +29,17 @@ void check(QCheckBox *box, Source *source, bool (Source::*get)() const, void (So
     QObject::connect(source, changed, box, show);
 }
 
+// A new check box saying `text`, named `name` (the setting's key, for tests and accessibility), tied as above.
+template <class Source, class Changed>
+QCheckBox *checkBox(const QString &text, const char *name, Source *source, bool (Source::*get)() const,
+                    void (Source::*set)(bool), Changed changed)
+{
+    auto *box = new QCheckBox(text);
+    box->setObjectName(QLatin1String(name));
+    check(box, source, get, set, changed);
+    return box;
+}
+
 // The combo box lists every case of `E` by its label, in the enumeration's order.
 template <class E, class Source, class Changed>
 void choice(QComboBox *combo, Source *source, E (Source::*get)() const, void (Source::*set)(E), Changed changed)

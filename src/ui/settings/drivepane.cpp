@@ -23,10 +23,9 @@ DrivePane::DrivePane(AppSettings &settings, AppController &controller, QWidget *
 {
     PaneForm form(this, tr("Google Drive"));
 
-    auto *enabled = new QCheckBox(tr("Copy finished recordings to Google Drive"));
-    enabled->setObjectName(QStringLiteral("driveSyncEnabled"));
-    bind::check(enabled, &settings, &AppSettings::driveSyncEnabled, &AppSettings::setDriveSyncEnabled,
-                &AppSettings::driveSyncEnabledChanged);
+    auto *enabled = bind::checkBox(tr("Copy finished recordings to Google Drive"), "driveSyncEnabled", &settings,
+                                   &AppSettings::driveSyncEnabled, &AppSettings::setDriveSyncEnabled,
+                                   &AppSettings::driveSyncEnabledChanged);
     form.row(enabled);
     form.note(tr("Each recording is copied when it is finished and again when its transcript is ready."));
     form.gap();
@@ -55,15 +54,13 @@ DrivePane::DrivePane(AppSettings &settings, AppController &controller, QWidget *
     form.note(tr("The folder inside your Drive that receives the copies; “a/b” makes one inside another."));
     form.gap();
 
-    auto *media = new QCheckBox(tr("The recording's audio or video"));
-    media->setObjectName(QStringLiteral("driveIncludeMedia"));
-    bind::check(media, &settings, &AppSettings::driveIncludeMedia, &AppSettings::setDriveIncludeMedia,
-                &AppSettings::driveIncludeMediaChanged);
+    auto *media = bind::checkBox(tr("The recording's audio or video"), "driveIncludeMedia", &settings,
+                                 &AppSettings::driveIncludeMedia, &AppSettings::setDriveIncludeMedia,
+                                 &AppSettings::driveIncludeMediaChanged);
     form.row(tr("Copy:"), media);
-    auto *transcript = new QCheckBox(tr("The transcript, as .md and .txt"));
-    transcript->setObjectName(QStringLiteral("driveIncludeTranscript"));
-    bind::check(transcript, &settings, &AppSettings::driveIncludeTranscript, &AppSettings::setDriveIncludeTranscript,
-                &AppSettings::driveIncludeTranscriptChanged);
+    auto *transcript = bind::checkBox(tr("The transcript, as .md and .txt"), "driveIncludeTranscript", &settings,
+                                      &AppSettings::driveIncludeTranscript, &AppSettings::setDriveIncludeTranscript,
+                                      &AppSettings::driveIncludeTranscriptChanged);
     form.row(transcript);
     form.gap();
 

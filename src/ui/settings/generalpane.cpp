@@ -44,30 +44,25 @@ GeneralPane::GeneralPane(AppSettings &settings, Permissions &permissions, Update
     connect(&settings, &AppSettings::zoomStartModeChanged, this, showMode);
     form.row(tr("When a Zoom meeting starts:"), modes, first);
 
-    auto *autoStop = new QCheckBox(tr("Stop recording when the Zoom meeting ends"));
-    autoStop->setObjectName(QStringLiteral("autoStopWhenZoomEnds"));
-    bind::check(autoStop, &settings, &AppSettings::autoStopWhenZoomEnds, &AppSettings::setAutoStopWhenZoomEnds,
-                &AppSettings::autoStopWhenZoomEndsChanged);
+    auto *autoStop = bind::checkBox(tr("Stop recording when the Zoom meeting ends"), "autoStopWhenZoomEnds", &settings,
+                                    &AppSettings::autoStopWhenZoomEnds, &AppSettings::setAutoStopWhenZoomEnds,
+                                    &AppSettings::autoStopWhenZoomEndsChanged);
     form.row(autoStop);
     form.gap();
 
-    auto *timer = new QCheckBox(tr("Show the timer beside the tray icon"));
-    timer->setObjectName(QStringLiteral("showTimerInMenuBar"));
-    bind::check(timer, &settings, &AppSettings::showTimerInMenuBar, &AppSettings::setShowTimerInMenuBar,
-                &AppSettings::showTimerInMenuBarChanged);
+    auto *timer = bind::checkBox(tr("Show the timer beside the tray icon"), "showTimerInMenuBar", &settings,
+                                 &AppSettings::showTimerInMenuBar, &AppSettings::setShowTimerInMenuBar,
+                                 &AppSettings::showTimerInMenuBarChanged);
     form.row(tr("Tray icon:"), timer);
 
-    auto *login = new QCheckBox(tr("Open Quillmoor when I log in"));
-    login->setObjectName(QStringLiteral("launchAtLogin"));
     // The box shows what the desktop will really do, read back after every change, not what was clicked.
-    bind::check(login, &permissions, &Permissions::launchAtLogin, &Permissions::setLaunchAtLogin,
-                &Permissions::changed);
+    auto *login = bind::checkBox(tr("Open Quillmoor when I log in"), "launchAtLogin", &permissions,
+                                 &Permissions::launchAtLogin, &Permissions::setLaunchAtLogin, &Permissions::changed);
     form.row(tr("Start-up:"), login);
 
-    auto *updates = new QCheckBox(tr("Check for updates automatically"));
-    updates->setObjectName(QStringLiteral("automaticallyChecksForUpdates"));
-    bind::check(updates, &updater, &Updater::automaticallyChecks, &Updater::setAutomaticallyChecks,
-                &Updater::automaticallyChecksChanged);
+    auto *updates = bind::checkBox(tr("Check for updates automatically"), "automaticallyChecksForUpdates", &updater,
+                                   &Updater::automaticallyChecks, &Updater::setAutomaticallyChecks,
+                                   &Updater::automaticallyChecksChanged);
     form.row(tr("Updates:"), updates);
     form.gap();
 

@@ -52,16 +52,14 @@ RecordingPane::RecordingPane(AppSettings &settings, InputDeviceList &devices, Sc
     connect(&settings, &AppSettings::microphoneIDChanged, this, &RecordingPane::showMicrophones);
     form.row(tr("&Microphone:"), m_microphone);
 
-    auto *include = new QCheckBox(tr("Record my microphone beside the meeting's sound"));
-    include->setObjectName(QStringLiteral("includeMicrophone"));
-    bind::check(include, &settings, &AppSettings::includeMicrophone, &AppSettings::setIncludeMicrophone,
-                &AppSettings::includeMicrophoneChanged);
+    auto *include = bind::checkBox(tr("Record my microphone beside the meeting's sound"), "includeMicrophone",
+                                   &settings, &AppSettings::includeMicrophone, &AppSettings::setIncludeMicrophone,
+                                   &AppSettings::includeMicrophoneChanged);
     form.row(include);
 
-    auto *follow = new QCheckBox(tr("Silence my microphone while I'm muted in Zoom"));
-    follow->setObjectName(QStringLiteral("followZoomMute"));
-    bind::check(follow, &settings, &AppSettings::followZoomMute, &AppSettings::setFollowZoomMute,
-                &AppSettings::followZoomMuteChanged);
+    auto *follow = bind::checkBox(tr("Silence my microphone while I'm muted in Zoom"), "followZoomMute", &settings,
+                                  &AppSettings::followZoomMute, &AppSettings::setFollowZoomMute,
+                                  &AppSettings::followZoomMuteChanged);
     form.row(follow);
     form.gap();
 

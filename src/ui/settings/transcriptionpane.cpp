@@ -37,10 +37,9 @@ TranscriptionPane::TranscriptionPane(AppSettings &settings, ModelManager &models
     bind::choice(provider, &settings, &AppSettings::provider, &AppSettings::setProvider, &AppSettings::providerChanged);
     form.row(tr("&Provider:"), provider);
 
-    auto *automatic = new QCheckBox(tr("Transcribe recordings when they finish"));
-    automatic->setObjectName(QStringLiteral("autoTranscribe"));
-    bind::check(automatic, &settings, &AppSettings::autoTranscribe, &AppSettings::setAutoTranscribe,
-                &AppSettings::autoTranscribeChanged);
+    auto *automatic = bind::checkBox(tr("Transcribe recordings when they finish"), "autoTranscribe", &settings,
+                                     &AppSettings::autoTranscribe, &AppSettings::setAutoTranscribe,
+                                     &AppSettings::autoTranscribeChanged);
     form.row(automatic);
 
     auto *language = new QComboBox;
@@ -48,16 +47,14 @@ TranscriptionPane::TranscriptionPane(AppSettings &settings, ModelManager &models
     bind::choice(language, &settings, &AppSettings::language, &AppSettings::setLanguage, &AppSettings::languageChanged);
     form.row(tr("&Language:"), language);
 
-    auto *speakers = new QCheckBox(tr("Tell the speakers apart"));
-    speakers->setObjectName(QStringLiteral("detectSpeakers"));
-    bind::check(speakers, &settings, &AppSettings::detectSpeakers, &AppSettings::setDetectSpeakers,
-                &AppSettings::detectSpeakersChanged);
+    auto *speakers =
+        bind::checkBox(tr("Tell the speakers apart"), "detectSpeakers", &settings, &AppSettings::detectSpeakers,
+                       &AppSettings::setDetectSpeakers, &AppSettings::detectSpeakersChanged);
     form.row(speakers);
 
-    auto *myVoice = new QCheckBox(tr("Label what my microphone hears with my name"));
-    myVoice->setObjectName(QStringLiteral("labelMyVoice"));
-    bind::check(myVoice, &settings, &AppSettings::labelMyVoice, &AppSettings::setLabelMyVoice,
-                &AppSettings::labelMyVoiceChanged);
+    auto *myVoice =
+        bind::checkBox(tr("Label what my microphone hears with my name"), "labelMyVoice", &settings,
+                       &AppSettings::labelMyVoice, &AppSettings::setLabelMyVoice, &AppSettings::labelMyVoiceChanged);
     form.row(myVoice);
 
     auto *name = new QLineEdit;
