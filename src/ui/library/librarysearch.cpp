@@ -323,6 +323,13 @@ LibrarySearch::LibrarySearch(RecordingStore &store, QString indexPath, QObject *
             search();
         m_refresh.start();
     });
+    // Folders removed or added beside the program (in a file manager, by another program) count as changes.
+    connect(&m_watcher, &QFileSystemWatcher::directoryChanged, this, [this] {
+        ++m_changes;
+        if (!m_query.isEmpty())
+            search();
+        m_refresh.start();
+    });
     rebuildEntries();
     m_refresh.start(0);
 }
@@ -342,6 +349,13 @@ QString LibrarySearch::defaultIndexPath()
 
 void LibrarySearch::rebuildEntries()
 {
+    const QString root = m_store.rootPath();
+    if (m_watcher.directories() != QStringList{root}) {
+        if (!m_watcher.directories().isEmpty())
+            m_watcher.removePaths(m_watcher.directories());
+        if (QFileInfo::exists(root))
+            m_watcher.addPath(root);
+    }
     QList<SearchEntry> entries;
     entries.reserve(m_store.count());
     for (const Recording &recording : m_store.recordings())

@@ -2,6 +2,7 @@
 
 #include "ui/library/searchtext.h"
 
+#include <QFileSystemWatcher>
 #include <QHash>
 #include <QObject>
 #include <QSet>
@@ -24,8 +25,9 @@ namespace qm::ui {
 // Results are those of scanLibrary(). Transcripts come from an index (SearchIndex) where its copy is current,
 // checked against each transcript file; the others are read directly and queued for indexing, which goes on
 // between searches. Without a usable index every search reads the files. A file is checked again at the first
-// search after this program changed the library, else at most every two seconds, so a transcript rewritten by
-// another program (the command line) is seen within two seconds.
+// search after this program changed the library or a folder came or went in the library folder, else at most
+// every two seconds, so a transcript rewritten in place by another program (the command line) is seen within
+// two seconds.
 //
 // Main thread only. Watches the store itself; call transcriptsChanged() when transcripts may have been
 // rewritten without the store noticing (re-transcription, speaker renames).
@@ -79,6 +81,7 @@ private:
     QSet<QUuid> m_snippetsWanted;
     QSet<QUuid> m_snippetsAsked;
     QTimer m_refresh;
+    QFileSystemWatcher m_watcher; // the library folder
     QThread m_thread;
     std::unique_ptr<Worker> m_worker;
 };
