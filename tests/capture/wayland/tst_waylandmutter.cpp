@@ -44,7 +44,7 @@ private Q_SLOTS:
         const QList<QByteArray> frames = test::greyFrames(recorder.screenPath(), 64, 36);
         qInfo("%lld frames", qlonglong(frames.size()));
         QVERIFY(frames.size() >= 30);
-        // The client's window lights part of an otherwise black desktop, and its pattern moves.
+        // Not black (mutter's background and the client's window), and the client's pattern moves.
         const auto lit = [](const QByteArray &frame) {
             return std::count_if(frame.begin(), frame.end(), [](char c) { return std::uint8_t(c) > 24; });
         };

@@ -159,12 +159,9 @@ class Backend:
         return None
 
     def LastSelect(self):
-        # restore_data is our own structure; the test only needs the client's options.
-        plain = {key: value for key, value in self.last_select.items() if key != "restore_data"}
-        variants = {key: GLib.Variant("u" if isinstance(value, int) and not isinstance(value, bool) else
-                                      "b" if isinstance(value, bool) else "s", value)
-                    for key, value in plain.items()}
-        return GLib.Variant("(a{sv})", (variants,))
+        keys = ("types", "cursor_mode", "persist_mode")
+        chosen = {key: GLib.Variant("u", self.last_select[key]) for key in keys if key in self.last_select}
+        return GLib.Variant("(a{sv})", (chosen,))
 
 
 def stop(producer):
