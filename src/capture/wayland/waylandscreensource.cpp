@@ -199,6 +199,12 @@ void WaylandScreenSource::stop()
     if (!m_cast)
         return;
     m_cast->pacer->stop();
+    {
+        // Closing the session ends the stream too; that is no failure to report.
+        const std::lock_guard lock(m_cast->mutex);
+        m_cast->failed = nullptr;
+        m_cast->endedReason = QStringLiteral("stopped");
+    }
     m_cast->portal->close();
     m_cast.reset();
 }
