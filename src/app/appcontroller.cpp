@@ -98,6 +98,12 @@ QCoro::Task<> AppController::startTask(RecordingSource source, bool video)
         m_captureLock->tryLock(0);
         engine = m_parts.makeEngine();
         connect(engine.get(), &CaptureEngine::levelsChanged, this, &AppController::setLevels);
+        connect(engine.get(), &CaptureEngine::videoStopped, this, [this](const QString &reason) {
+            if (m_phase != Phase::recording)
+                return;
+            setVideoDescription(std::nullopt);
+            setErrorMessage(reason + u' ' + tr("The sound is still being recorded."));
+        });
         connect(engine.get(), &CaptureEngine::failed, this, [this](const QString &reason) {
             if (m_phase != Phase::recording)
                 return;

@@ -164,7 +164,10 @@ expected<void, CaptureFailure> CaptureEngine::startBlocking(const CaptureConfigu
             [this](VideoFrame frame) {
                 m_queue->post([this, frame = std::move(frame)]() mutable { handle(std::move(frame)); });
             },
-            [this](const QString &reason) { reportFailure(reason); });
+            [this](const QString &reason) {
+                QMetaObject::invokeMethod(
+                    this, [this, reason] { Q_EMIT videoStopped(reason); }, Qt::QueuedConnection);
+            });
         if (!started)
             return fail(CaptureFailure::other(started.error()));
     }

@@ -79,6 +79,9 @@ public:
 Q_SIGNALS:
     void levelsChanged(float microphone, float meeting);
     void failed(const QString &reason);
+    // The screen stopped sending pictures (sharing ended from the desktop, the monitor went away). The video
+    // track ends there; the sound goes on being recorded.
+    void videoStopped(const QString &reason);
 
 private:
     struct State;

@@ -152,7 +152,7 @@ private Q_SLOTS:
     {
         WaylandScreenSource source(options(QStringLiteral("closed.ini")));
         test::CastRecorder recorder(source, m_dir.filePath(QStringLiteral("closed")));
-        QSignalSpy failed(&recorder.engine(), &CaptureEngine::failed);
+        QSignalSpy failed(&recorder.engine(), &CaptureEngine::videoStopped);
         QVERIFY(recorder.start(10));
         recorder.play(1.0);
         backend(QStringLiteral("CloseSessions"));
