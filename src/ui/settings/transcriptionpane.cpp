@@ -9,7 +9,6 @@
 
 #include <QCompleter>
 #include <QFileDialog>
-#include <QFormLayout>
 #include <QHeaderView>
 #include <QLabel>
 #include <QPointer>
@@ -23,7 +22,7 @@ namespace qm::ui {
 
 namespace {
 
-enum Column { name, size, status };
+enum Column { modelColumn, sizeColumn, statusColumn };
 
 } // namespace
 
@@ -135,8 +134,8 @@ QWidget *TranscriptionPane::buildModelPage()
     m_list->setUniformRowHeights(true);
     m_list->setAllColumnsShowFocus(true);
     m_list->header()->setStretchLastSection(true);
-    m_list->header()->setSectionResizeMode(Column::name, QHeaderView::ResizeToContents);
-    m_list->header()->setSectionResizeMode(Column::size, QHeaderView::ResizeToContents);
+    m_list->header()->setSectionResizeMode(modelColumn, QHeaderView::ResizeToContents);
+    m_list->header()->setSectionResizeMode(sizeColumn, QHeaderView::ResizeToContents);
     connect(m_list, &QTreeWidget::currentItemChanged, this, &TranscriptionPane::showModelButtons);
     connect(m_list, &QTreeWidget::itemActivated, this, [this] { m_models.use(selectedModel()); });
 
@@ -272,13 +271,13 @@ void TranscriptionPane::showModels()
     m_list->clear();
     for (const ModelRow &row : rows) {
         auto *item = new QTreeWidgetItem(m_list, {row.title, row.size, row.status});
-        item->setData(Column::name, Qt::UserRole, row.model);
+        item->setData(modelColumn, Qt::UserRole, row.model);
         // The height goes on the stretching column: the others size themselves to their text.
-        item->setSizeHint(Column::status, QSize(0, m_list->fontMetrics().height() + 8));
+        item->setSizeHint(statusColumn, QSize(0, m_list->fontMetrics().height() + 8));
         if (row.inUse) {
-            QFont bold = item->font(Column::name);
+            QFont bold = item->font(modelColumn);
             bold.setBold(true);
-            for (int column : {Column::name, Column::size, Column::status})
+            for (int column : {modelColumn, sizeColumn, statusColumn})
                 item->setFont(column, bold);
         }
         if (row.downloading) {
@@ -287,7 +286,7 @@ void TranscriptionPane::showModels()
             bar->setValue(row.percent);
             bar->setFormat(row.status);
             bar->setTextVisible(true);
-            m_list->setItemWidget(item, Column::status, bar);
+            m_list->setItemWidget(item, statusColumn, bar);
         }
         if (row.model == selected || (selected.isEmpty() && row.inUse))
             m_list->setCurrentItem(item);
@@ -317,7 +316,7 @@ void TranscriptionPane::showModelButtons()
 QString TranscriptionPane::selectedModel() const
 {
     const QTreeWidgetItem *item = m_list->currentItem();
-    return item ? item->data(Column::name, Qt::UserRole).toString() : QString();
+    return item ? item->data(modelColumn, Qt::UserRole).toString() : QString();
 }
 
 void TranscriptionPane::useOwnModel(bool folder)
