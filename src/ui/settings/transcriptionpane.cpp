@@ -7,6 +7,7 @@
 #include "ui/settings/paneform.h"
 #include "ui/settings/providerfields.h"
 
+#include <QBoxLayout>
 #include <QCompleter>
 #include <QFileDialog>
 #include <QHeaderView>
