@@ -114,8 +114,8 @@ QString gramToken(const QList<uint> &query)
     return u'b' + QString::number(query.at(0), 16) + u'x' + QString::number(query.at(1), 16);
 }
 
-// qm_first(fts, offsets): the first position at which every phrase of the query (one trigram each) stands at
-// its offset from the first, or -1. `offsets` is a text of comma-separated numbers, one per phrase.
+// qm_first(fts, offsets): the first position at which the query begins with every phrase (one trigram each) at
+// its offset from there, or -1. `offsets` is a text of comma-separated numbers, one per phrase.
 void firstMatch(const Fts5ExtensionApi *api, Fts5Context *context, sqlite3_context *result, int count,
                 sqlite3_value **values)
 {
@@ -143,12 +143,14 @@ void firstMatch(const Fts5ExtensionApi *api, Fts5Context *context, sqlite3_conte
                           &cursors[std::size_t(i)].at);
     // Positions only grow, so every other phrase's cursor only moves forward: a merge that stops at the first
     // place where all of them line up.
+    // The first phrase leads (the caller puts the rarest first); `start` is where the query would begin.
     Cursor &lead = cursors.front();
     while (lead.at >= 0) {
-        bool all = true;
-        for (int i = 1; i < phrases; ++i) {
+        const int start = lead.at - offsets.front();
+        bool all = start >= 0;
+        for (int i = 1; all && i < phrases; ++i) {
             Cursor &other = cursors[std::size_t(i)];
-            const int wanted = lead.at + offsets[std::size_t(i)];
+            const int wanted = start + offsets[std::size_t(i)];
             while (other.at >= 0 && other.at < wanted)
                 api->xPhraseNext(context, &other.iter, &other.column, &other.at);
             if (other.at < 0) {
@@ -161,7 +163,7 @@ void firstMatch(const Fts5ExtensionApi *api, Fts5Context *context, sqlite3_conte
             }
         }
         if (all) {
-            sqlite3_result_int(result, lead.at);
+            sqlite3_result_int(result, start);
             return;
         }
         api->xPhraseNext(context, &lead.iter, &lead.column, &lead.at);
@@ -274,8 +276,10 @@ expected<void, SearchIndexError> SearchIndex::loadDocs()
     sqlite3 *db = m_db.get();
     sqlite3_exec(db,
                  "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -65536;"
-                 "PRAGMA mmap_size = 1073741824;",
+                 "PRAGMA mmap_size = 1073741824;"
+                 "CREATE VIRTUAL TABLE IF NOT EXISTS temp.qm_vocab USING fts5vocab(main, 'fts', 'row');",
                  nullptr, nullptr, nullptr);
+    m_instances.clear();
     Statement read = prepare(db, "SELECT id, folder, stamp, body IS NOT NULL FROM docs");
     if (!read)
         return unexpected(error(QStringLiteral("read")));
@@ -460,9 +464,15 @@ expected<SearchIndex::Matches, SearchIndexError> SearchIndex::findTrigrams(const
         offsets.append(at);
     if (offsets.last() + 3 < query.size())
         offsets.append(query.size() - 3);
+    // The rarest trigrams first: the check of a transcript that lacks the query then stops early, having read
+    // only their short position lists. How rare they are is counted once per trigram and kept.
+    QList<std::pair<qint64, qsizetype>> order;
+    for (const qsizetype at : offsets)
+        order.append({instances(QString::fromUcs4(reinterpret_cast<const char32_t *>(query.constData() + at), 3)), at});
+    std::stable_sort(order.begin(), order.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
     QString expression;
     QByteArray offsetText;
-    for (const qsizetype at : offsets) {
+    for (const auto &[count, at] : order) {
         QString trigram = QString::fromUcs4(reinterpret_cast<const char32_t *>(query.constData() + at), 3);
         trigram.replace(u'"', QStringLiteral("\"\""));
         if (!expression.isEmpty()) {
@@ -487,6 +497,21 @@ expected<SearchIndex::Matches, SearchIndexError> SearchIndex::findTrigrams(const
     if (step != SQLITE_DONE)
         return unexpected(error(QStringLiteral("search")));
     return matches;
+}
+
+qint64 SearchIndex::instances(const QString &trigram)
+{
+    const auto known = m_instances.constFind(trigram);
+    if (known != m_instances.cend())
+        return *known;
+    qint64 count = 0;
+    if (Statement read = prepare(m_db.get(), "SELECT cnt FROM temp.qm_vocab WHERE term = ?1")) {
+        bindText(read.get(), 1, trigram);
+        if (sqlite3_step(read.get()) == SQLITE_ROW)
+            count = sqlite3_column_int64(read.get(), 0);
+    }
+    m_instances.insert(trigram, count);
+    return count;
 }
 
 expected<SearchIndex::Matches, SearchIndexError> SearchIndex::findShort(const QList<uint> &query)

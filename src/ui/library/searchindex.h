@@ -90,11 +90,14 @@ private:
     SearchIndexError error(const QString &what) const;
     expected<Matches, SearchIndexError> findTrigrams(const QList<uint> &query);
     expected<Matches, SearchIndexError> findShort(const QList<uint> &query);
+    // How often the trigram occurs in the index (counted once, then remembered: an order, not a fact).
+    qint64 instances(const QString &trigram);
 
     QString m_path;
     SearchFold m_fold;
     std::unique_ptr<sqlite3, CloseDatabase> m_db;
     QHash<QString, Doc> m_docs;
+    QHash<QString, qint64> m_instances;
 };
 
 } // namespace qm::ui
