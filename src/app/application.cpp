@@ -62,7 +62,8 @@ Application::Application(Options options, QObject *parent)
     m_permissions =
         std::make_unique<Permissions>(std::make_unique<platform::LinuxPermissionSources>([models, settings] {
             const QString chosen =
-                whisper::ModelLibrary::chosenModel(settings->model(TranscriptionProvider::onDevice), std::nullopt);
+                whisper::ModelLibrary::chosenModel(settings->model(TranscriptionProvider::onDevice),
+                                                   TranscriptionService::languageCode(settings->language()));
             return models->isInstalled(chosen);
         }));
     m_notifier = std::make_unique<platform::DBusNotifier>();
