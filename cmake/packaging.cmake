@@ -31,7 +31,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # sink (plugins-good) and the AAC and H.264 decoders (libav); Qt finds its platform, SQL and SVG icon plugins
 # at run time.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, gstreamer1.0-libav, libqt6sql6-sqlite, libqt6svg6, qt6-qpa-plugins")
+    "gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, gstreamer1.0-libav, libqt6svg6, qt6-qpa-plugins")
 # The prompt's sound comes from the freedesktop theme; GNOME shows tray icons only with the AppIndicator extension.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "sound-theme-freedesktop")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "gnome-shell-extension-appindicator")
