@@ -28,7 +28,7 @@ the microphone, optionally with the screen. Every recording gets a
 transcript with speakers, made on this computer or by a cloud service.]=])
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # What no library link shows. The player's GStreamer backend needs the demuxer, parsers and the sound server
-# sink (plugins-good) and the AAC and H.264 decoders (libav); Qt finds its platform, SQL and SVG icon plugins
+# sink (plugins-good) and the AAC and H.264 decoders (libav); Qt finds its platform and SVG icon plugins
 # at run time.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
     "gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, gstreamer1.0-libav, libqt6svg6, qt6-qpa-plugins")
