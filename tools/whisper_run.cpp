@@ -1,4 +1,4 @@
-// Usage: qm_whisper_run MODEL AUDIO [LANGUAGE] [--threads N] [--profile [--screen]] [--float]
+// Usage: qm_whisper_run MODEL AUDIO [LANGUAGE] [--threads N] [--profile [--screen]] [--float] [--words]
 // MODEL is a ggml file, a CTranslate2 directory, or random:tiny|base|small|medium (random weights of that size,
 // for timing a size whose weights aren't at hand; its words mean nothing); AUDIO anything FFmpeg reads.
 
@@ -94,8 +94,12 @@ int main(int argc, char **argv)
         options.language = args.at(3);
     const Transcription result = transcribe(session, *samples, options);
     const double seconds = double(clock.elapsed()) / 1000.0;
-    for (const TimedText &segment : result.segments)
+    for (const TimedText &segment : result.segments) {
         std::printf("[%7.2f → %7.2f] %s\n", segment.start, segment.end, qPrintable(segment.text));
+        if (args.contains(QStringLiteral("--words")))
+            for (const WordTiming &word : segment.words)
+                std::printf("    %7.2f %7.2f %s\n", word.start, word.end, qPrintable(word.text));
+    }
     std::fprintf(stderr, "language %s; model load %.2f s; %.1f s of audio in %.2f s: real-time factor %.4f\n",
                  qPrintable(result.language), loadSeconds, audioSeconds, seconds, seconds / audioSeconds);
     return 0;

@@ -209,6 +209,14 @@ QByteArray encode(const Transcript &t)
         segment.insert(QLatin1String("end"), number(s.end));
         putOptional(segment, QStringLiteral("speaker"), s.speaker);
         segment.insert(QLatin1String("text"), s.text);
+        if (!s.words.isEmpty()) {
+            QJsonArray words;
+            for (const TranscriptWord &w : s.words)
+                words.append(QJsonObject{{QLatin1String("end"), number(w.end)},
+                                         {QLatin1String("start"), number(w.start)},
+                                         {QLatin1String("text"), w.text}});
+            segment.insert(QLatin1String("words"), words);
+        }
         segments.append(segment);
     }
     o.insert(QLatin1String("segments"), segments);
@@ -277,6 +285,19 @@ expected<Transcript, DecodeError> decodeTranscript(const QByteArray &json)
         segment.end = s.number(QStringLiteral("end"));
         segment.speaker = s.optionalString(QStringLiteral("speaker"));
         segment.text = s.string(QStringLiteral("text"));
+        // Word times came later than the rest of the file: files without them are complete.
+        const QJsonValue words = value.toObject().value(QLatin1String("words"));
+        if (!words.isUndefined() && !words.isNull() && !words.isArray())
+            return fail(DecodeError::Kind::wrongType, QStringLiteral("words"));
+        for (const QJsonValue &item : words.toArray()) {
+            if (!item.isObject())
+                return fail(DecodeError::Kind::wrongType, QStringLiteral("words"));
+            Reader w(item.toObject());
+            segment.words.append(TranscriptWord{w.number(QStringLiteral("start")), w.number(QStringLiteral("end")),
+                                                w.string(QStringLiteral("text"))});
+            if (w.error())
+                return Fail(*w.error());
+        }
         if (s.error())
             return Fail(*s.error());
         t.segments.append(std::move(segment));

@@ -6,6 +6,9 @@
 
 #include <QCoreApplication>
 
+#include <algorithm>
+#include <cstdlib>
+
 namespace qm {
 
 namespace {
@@ -13,6 +16,76 @@ namespace {
 QString tr(const char *text)
 {
     return QCoreApplication::translate("Transcript", text);
+}
+
+// Players skip cues that are too short to see, so every cue lasts at least half a second.
+constexpr double kMinCueSeconds = 0.5;
+constexpr double kMaxCueSeconds = 7.0;
+constexpr qsizetype kCueLineLength = 42;
+
+// The text broken into at most two lines of kCueLineLength characters, at the space nearest the middle; nothing
+// when it doesn't fit.
+std::optional<QString> cueLines(const QString &text)
+{
+    if (text.size() <= kCueLineLength)
+        return text;
+    std::optional<qsizetype> best;
+    for (qsizetype i = text.indexOf(u' '); i >= 0; i = text.indexOf(u' ', i + 1)) {
+        if (i <= kCueLineLength && text.size() - i - 1 <= kCueLineLength &&
+            (!best || std::abs(text.size() - 2 * i) < std::abs(text.size() - 2 * *best)))
+            best = i;
+    }
+    if (!best)
+        return std::nullopt;
+    return text.left(*best) + u'\n' + text.mid(*best + 1);
+}
+
+struct Cue {
+    double start = 0;
+    double end = 0;
+    QString text;
+};
+
+// A segment's words as cues. Each cue quotes the segment's text from its first word to its last, so spacing and
+// punctuation stay as the engine wrote them; when a word can't be found there, the words are joined with spaces.
+QList<Cue> wordCues(const TranscriptSegment &segment, const QString &prefix)
+{
+    QList<std::pair<qsizetype, qsizetype>> spans; // [begin, end) of each word in the text
+    for (qsizetype from = 0; const TranscriptWord &word : segment.words) {
+        const qsizetype at = segment.text.indexOf(word.text, from);
+        if (word.text.isEmpty() || at < 0) {
+            spans.clear();
+            break;
+        }
+        spans.append({at, at + word.text.size()});
+        from = at + word.text.size();
+    }
+    const auto textOf = [&](qsizetype first, qsizetype last) {
+        if (!spans.isEmpty())
+            return segment.text.mid(spans[first].first, spans[last].second - spans[first].first).simplified();
+        QStringList texts;
+        for (qsizetype i = first; i <= last; ++i)
+            texts.append(segment.words[i].text);
+        return texts.join(u' ').simplified();
+    };
+
+    QList<Cue> cues;
+    for (qsizetype first = 0; first < segment.words.size();) {
+        qsizetype last = first;
+        while (last + 1 < segment.words.size() &&
+               segment.words[last + 1].end - segment.words[first].start <= kMaxCueSeconds &&
+               cueLines(prefix + textOf(first, last + 1)))
+            ++last;
+        const QString text = prefix + textOf(first, last);
+        cues.append(Cue{segment.words[first].start, segment.words[last].end, cueLines(text).value_or(text)});
+        first = last + 1;
+    }
+    // Stretched cues stop where the next one starts, so a segment's cues never show at once.
+    for (qsizetype i = 0; i < cues.size(); ++i) {
+        const double stretched = std::max(cues[i].end, cues[i].start + kMinCueSeconds);
+        cues[i].end = i + 1 < cues.size() ? std::max(cues[i].end, std::min(stretched, cues[i + 1].start)) : stretched;
+    }
+    return cues;
 }
 
 } // namespace
@@ -91,21 +164,21 @@ QString Transcript::markdown(const Recording &recording) const
 
 QString Transcript::srt() const
 {
-    QStringList cues;
-    cues.reserve(segments.size());
-    int number = 1;
+    QStringList out;
+    out.reserve(segments.size());
     for (const TranscriptSegment &segment : segments) {
-        // Players skip cues that are too short to see, so every cue lasts at least half a second.
-        const double end = std::max(segment.end, segment.start + 0.5);
-        QString cue = QString::number(number++) + u'\n' + Formatters::srtTime(segment.start) + QLatin1String(" --> ") +
-                      Formatters::srtTime(end) + u'\n';
         const QString name = nameFor(segment.speaker).value_or(QString());
-        if (!name.isEmpty())
-            cue += name + QLatin1String(": ");
-        cue += segment.text + u'\n';
-        cues.append(cue);
+        const QString prefix = name.isEmpty() ? QString() : name + QLatin1String(": ");
+        const QList<Cue> cues =
+            segment.words.isEmpty()
+                ? QList<Cue>{Cue{segment.start, std::max(segment.end, segment.start + kMinCueSeconds),
+                                 prefix + segment.text}}
+                : wordCues(segment, prefix);
+        for (const Cue &cue : cues)
+            out.append(QString::number(out.size() + 1) + u'\n' + Formatters::srtTime(cue.start) +
+                       QLatin1String(" --> ") + Formatters::srtTime(cue.end) + u'\n' + cue.text + u'\n');
     }
-    return cues.join(u'\n');
+    return out.join(u'\n');
 }
 
 bool isRightToLeft(const QString &text)

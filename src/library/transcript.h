@@ -13,12 +13,22 @@ namespace qm {
 
 struct Recording;
 
+// One spoken word with its times, for subtitles cut at word boundaries and for following playback word by word.
+struct TranscriptWord {
+    double start = 0; // seconds from the start of the recording
+    double end = 0;
+    QString text; // without surrounding spaces; punctuation stays with its word
+
+    bool operator==(const TranscriptWord &) const = default;
+};
+
 struct TranscriptSegment {
     QUuid id = QUuid::createUuid();
     double start = 0; // seconds from the start of the recording
     double end = 0;
     std::optional<QString> speaker; // the engine's label; absent when speakers were not detected
     QString text;
+    QList<TranscriptWord> words = {}; // in time order; empty when the engine reported no word times
 
     bool operator==(const TranscriptSegment &) const = default;
 };
@@ -40,6 +50,8 @@ struct Transcript {
 
     QString plainText(bool timestamps) const;
     QString markdown(const Recording &recording) const;
+    // One cue per segment; a segment with words is cut at word boundaries into cues of at most 7 s and two
+    // lines of 42 characters.
     QString srt() const;
 
     bool operator==(const Transcript &) const = default;

@@ -50,23 +50,37 @@ Segments fromUtterances(const QJsonArray &utterances)
         if (!text || !start || !end)
             continue;
         segments.append(TranscriptSegment{QUuid::createUuid(), *start / 1000.0, *end / 1000.0,
-                                          engine::string(u, QLatin1String("speaker")), *text});
+                                          engine::string(u, QLatin1String("speaker")), *text,
+                                          engine::words(u.value(QLatin1String("words")).toArray(),
+                                                        QLatin1String("text"), QLatin1String("text"), 1.0 / 1000.0)});
     }
     return segments;
 }
 
 Segments fromSentences(const QJsonValue &answer)
 {
-    QList<TimedWord> words;
+    QList<TimedWord> sentences;
+    QList<TranscriptWord> spoken;
     for (const QJsonValue &item : answer.toObject().value(QLatin1String("sentences")).toArray()) {
         const QJsonObject s = item.toObject();
         const auto text = engine::string(s, QLatin1String("text"));
         const auto start = engine::number(s, QLatin1String("start"));
         const auto end = engine::number(s, QLatin1String("end"));
         if (text && start && end)
-            words.append(TimedWord{*text, *start / 1000.0, *end / 1000.0, std::nullopt});
+            sentences.append(TimedWord{*text, *start / 1000.0, *end / 1000.0, std::nullopt});
+        spoken += engine::words(s.value(QLatin1String("words")).toArray(), QLatin1String("text"), QLatin1String("text"),
+                                1.0 / 1000.0);
     }
-    return groupWords(words, QStringLiteral(" "));
+    // Whole sentences are grouped; each segment then takes the words spoken within it.
+    Segments segments = groupWords(sentences, QStringLiteral(" "));
+    auto word = spoken.cbegin();
+    for (TranscriptSegment &segment : segments) {
+        segment.words.clear();
+        for (; word != spoken.cend() && word->start <= segment.end; ++word)
+            if (word->start >= segment.start)
+                segment.words.append(*word);
+    }
+    return segments;
 }
 
 } // namespace

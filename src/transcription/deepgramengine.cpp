@@ -49,7 +49,10 @@ Segments parse(const QJsonValue &answer, const EngineRequest &request)
             const auto raw = engine::number(u, QLatin1String("speaker"));
             if (request.diarize && raw)
                 speaker = QString::number(qint64(*raw));
-            segments.append(TranscriptSegment{QUuid::createUuid(), *start, *end, speaker, *text});
+            segments.append(
+                TranscriptSegment{QUuid::createUuid(), *start, *end, speaker, *text,
+                                  engine::words(u.value(QLatin1String("words")).toArray(),
+                                                QLatin1String("punctuated_word"), QLatin1String("word"), 1.0)});
         }
         return segments;
     }

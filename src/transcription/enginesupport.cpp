@@ -42,4 +42,19 @@ std::optional<double> number(const QJsonObject &object, QLatin1String key)
     return std::nullopt;
 }
 
+QList<TranscriptWord> words(const QJsonArray &list, QLatin1String textKey, QLatin1String fallbackKey,
+                            double secondsPerUnit)
+{
+    QList<TranscriptWord> out;
+    for (const QJsonValue &item : list) {
+        const QJsonObject w = item.toObject();
+        const QString text = string(w, textKey).value_or(string(w, fallbackKey).value_or(QString())).trimmed();
+        const auto start = number(w, QLatin1String("start"));
+        const auto end = number(w, QLatin1String("end"));
+        if (!text.isEmpty() && start && end)
+            out.append(TranscriptWord{*start * secondsPerUnit, *end * secondsPerUnit, text});
+    }
+    return out;
+}
+
 } // namespace qm::engine

@@ -48,6 +48,7 @@ QList<TranscriptSegment> tidy(const QList<TranscriptSegment> &segments)
                 characterCount(last.text) + characterCount(text) < kMaxCharacters) {
                 last.text += u' ' + text;
                 last.end = std::max(last.end, segment.end);
+                last.words += segment.words;
                 continue;
             }
         }

@@ -31,15 +31,22 @@ QList<TranscriptSegment> groupWords(const QList<TimedWord> &words, const QString
             const bool continues = open->speaker == word.speaker && word.start - open->end <= kMaxPause &&
                                    !(open->end - open->start > kLongSpan && endsSentence(open->text));
             if (continues) {
-                if (!attachesWithoutSpace(text))
+                // Punctuation that came as a word of its own belongs to the word before it.
+                if (attachesWithoutSpace(text)) {
+                    open->words.last().text += text;
+                    open->words.last().end = std::max(open->words.last().end, word.end);
+                } else {
                     open->text += joiner;
+                    open->words.append(TranscriptWord{word.start, word.end, text});
+                }
                 open->text += text;
                 open->end = word.end;
                 continue;
             }
             result.append(*open);
         }
-        open = TranscriptSegment{QUuid::createUuid(), word.start, word.end, word.speaker, text};
+        open = TranscriptSegment{QUuid::createUuid(), word.start, word.end,
+                                 word.speaker,        text,       {TranscriptWord{word.start, word.end, text}}};
     }
     if (open)
         result.append(*open);

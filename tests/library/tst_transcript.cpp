@@ -32,6 +32,19 @@ Transcript withoutSpeakers()
     return t;
 }
 
+// One segment of `speaker` whose words, `seconds` long each, start at `start`.
+Transcript spoken(const QStringList &words, double start, double seconds, const QString &speaker)
+{
+    TranscriptSegment s = segment(start, start + seconds * double(words.size()), speaker, words.join(u' '));
+    for (const QString &word : words) {
+        s.words.append({start, start + seconds, word});
+        start += seconds;
+    }
+    Transcript t;
+    t.segments = {s};
+    return t;
+}
+
 QJsonObject objectOf(const QByteArray &json)
 {
     return QJsonDocument::fromJson(json).object();
@@ -146,12 +159,60 @@ private Q_SLOTS:
         QTest::newRow("zero length") << oneCue(10) << stretched;
         QTest::newRow("end before start") << oneCue(9) << stretched;
         QTest::newRow("long enough") << oneCue(12) << QStringLiteral("1\n00:00:10,000 --> 00:00:12,000\nHi.\n");
+
+        // With words, cues are cut at word boundaries.
+        Transcript pause;
+        pause.segments = {segment(0, 9, QStringLiteral("Dana"), QStringLiteral("Hello there, this is fine."))};
+        pause.segments[0].words = {{0, 1, QStringLiteral("Hello")},
+                                   {1, 2, QStringLiteral("there,")},
+                                   {6, 7.5, QStringLiteral("this")},
+                                   {7.5, 8, QStringLiteral("is")},
+                                   {8, 9, QStringLiteral("fine.")}};
+        QTest::newRow("words: at most 7 s")
+            << pause
+            << QStringLiteral("1\n00:00:00,000 --> 00:00:02,000\nDana: Hello there,\n\n"
+                              "2\n00:00:06,000 --> 00:00:09,000\nDana: this is fine.\n");
+        QTest::newRow("words: two lines of at most 42 characters")
+            << spoken(QStringLiteral("Good morning everyone, today we review the plan for the new office.").split(u' '),
+                      10, 0.25, QStringLiteral("Dana"))
+            << QStringLiteral("1\n00:00:10,000 --> 00:00:13,000\nDana: Good morning everyone, today we\n"
+                              "review the plan for the new office.\n");
     }
 
     void srt()
     {
         QFETCH(Transcript, transcript);
         QTEST(transcript.srt(), "expected");
+    }
+
+    // A 40-s segment with words becomes cues of at most 7 s and two lines of 42 characters that together say the
+    // whole text.
+    void srtCutsLongSegmentsAtWords()
+    {
+        const QStringList names{QStringLiteral("alpha"), QStringLiteral("bravo"), QStringLiteral("charlie"),
+                                QStringLiteral("delta"), QStringLiteral("echo"),  QStringLiteral("foxtrot"),
+                                QStringLiteral("kilo")};
+        QStringList words;
+        for (int i = 0; i < 100; ++i)
+            words.append(names[(i * 5) % names.size()] + (i % 9 == 8 ? QStringLiteral(".") : QString()));
+        const Transcript t = spoken(words, 3, 0.4, QStringLiteral("Speaker 1"));
+        QCOMPARE(t.segments[0].end, 43.0);
+
+        QStringList said;
+        const QStringList cues = t.srt().split(QStringLiteral("\n\n"));
+        QVERIFY(cues.size() >= 6);
+        for (const QString &cue : cues) {
+            const QStringList lines = cue.trimmed().split(u'\n');
+            QVERIFY2(lines.size() == 3 || lines.size() == 4, qPrintable(cue));
+            const QStringList times = lines[1].split(QStringLiteral(" --> "));
+            const QTime from = QTime::fromString(times[0], QStringLiteral("HH:mm:ss,zzz"));
+            const QTime to = QTime::fromString(times[1], QStringLiteral("HH:mm:ss,zzz"));
+            QVERIFY2(from.isValid() && to.isValid() && from.msecsTo(to) <= 7000, qPrintable(cue));
+            for (const QString &line : lines.mid(2))
+                QVERIFY2(line.size() <= 42, qPrintable(line));
+            said.append(lines.mid(2).join(u' ').mid(QStringLiteral("Speaker 1: ").size()));
+        }
+        QCOMPARE(said.join(u' '), t.segments[0].text);
     }
 
     void isRightToLeft_data()
@@ -187,6 +248,10 @@ private Q_SLOTS:
                                      << QStringLiteral("end id speaker start text");
         QTest::newRow("absent values left out")
             << bare << QStringLiteral("createdAt engine segments speakerNames") << QStringLiteral("end id start text");
+        Transcript timed = renamed();
+        timed.segments[0].words = {{0, 0.5, QStringLiteral("Good")}, {0.5, 1.25, QStringLiteral("morning.")}};
+        QTest::newRow("word times") << timed << QStringLiteral("createdAt engine language model segments speakerNames")
+                                    << QStringLiteral("end id speaker start text words");
     }
 
     void json()

@@ -133,6 +133,23 @@ private Q_SLOTS:
             QCOMPARE(out.first().id, segments.first().id);
     }
 
+    // A provider's words stay with the segment they were grouped into, punctuation with its word, and tidy's
+    // merge keeps both segments' words.
+    void wordsTravelWithTheirSegments()
+    {
+        const QList<TranscriptSegment> grouped = qm::groupWords(
+            {word("Hello", 0, 0.4), word(",", 0.4, 0.45), word("world", 0.5, 0.9), word("Again", 3, 3.5)},
+            QStringLiteral(" "));
+        QCOMPARE(grouped.size(), 2);
+        QCOMPARE(grouped[0].words,
+                 (QList<TranscriptWord>{{0, 0.45, QStringLiteral("Hello,")}, {0.5, 0.9, QStringLiteral("world")}}));
+        QList<TranscriptSegment> close = grouped;
+        close[1].start = 1.0;
+        const QList<TranscriptSegment> merged = qm::tidy(close);
+        QCOMPARE(merged.size(), 1);
+        QCOMPARE(merged[0].words, grouped[0].words + grouped[1].words);
+    }
+
     void normalizeSpeakersNumbersInOrderOfFirstAppearance()
     {
         QList<TranscriptSegment> segments{segment(0, 1, QStringLiteral("x"), A), segment(1, 2, QStringLiteral("x"), B),

@@ -551,9 +551,18 @@ expected<Model, ModelError> loadCTranslate2Model(const QString &directoryPath)
 
     // Checked before the weights are widened, so a bad folder fails fast.
     const QString configPath = directory.filePath(QStringLiteral("config.json"));
+    std::vector<AlignmentHead> alignmentHeads;
     if (QFile config(configPath); config.open(QIODevice::ReadOnly)) {
-        if (!QJsonDocument::fromJson(config.readAll()).isObject())
+        const QJsonDocument settings = QJsonDocument::fromJson(config.readAll());
+        if (!settings.isObject())
             return unexpected(ModelError{QStringLiteral("The model settings %1 are damaged.").arg(configPath)});
+        // Pairs of decoder layer and head; anything else leaves the published heads for the model's shape.
+        for (const QJsonValue &pair : settings.object().value(QLatin1String("alignment_heads")).toArray()) {
+            const QJsonArray p = pair.toArray();
+            const int layer = p.at(0).toInt(-1), head = p.at(1).toInt(-1);
+            if (p.size() == 2 && layer >= 0 && layer < hparams->textLayers && head >= 0 && head < hparams->textHeads)
+                alignmentHeads.push_back({layer, head});
+        }
     }
     auto vocabulary = readVocabulary(directory, hparams->vocabularySize);
     if (!vocabulary)
@@ -566,6 +575,7 @@ expected<Model, ModelError> loadCTranslate2Model(const QString &directoryPath)
     Model model = std::move(converter.model());
     model.hparams = *hparams;
     model.vocabulary = std::move(*vocabulary);
+    model.alignmentHeads = std::move(alignmentHeads);
     return model;
 }
 

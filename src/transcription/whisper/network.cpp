@@ -4,6 +4,7 @@
 #include "transcription/whisper/frontend.h"
 #include "transcription/whisper/kernels.h"
 #include "transcription/whisper/tokens.h"
+#include "transcription/whisper/wordtiming.h"
 #include "transcription/whisper/workers.h"
 
 #include <cblas.h>
@@ -239,6 +240,7 @@ expected<std::shared_ptr<const Network>, ModelError> Network::create(Model model
         net->m_decoder.push_back(std::move(layer));
     }
     net->m_decoderNorm = b.norm("decoder.ln", dt);
+    net->m_alignmentHeads = model.alignmentHeads.empty() ? publishedAlignmentHeads(h) : model.alignmentHeads;
     if (!b.error().isEmpty())
         return refuse(b.error());
     // The second convolution stays in single precision: its inputs have outliers that cost the small models
@@ -300,10 +302,16 @@ Session::Session(std::shared_ptr<const Network> network, int threads) : m_networ
     sized(m_dattended, tokens, dt);
     sized(m_dhidden, tokens, 4 * dt);
     sized(m_dscores, tokens, std::max(positions, tokens));
+
+    m_alignmentSlots.assign(std::size_t(h.textLayers), std::vector<int>(std::size_t(h.textHeads), -1));
+    const std::vector<AlignmentHead> &heads = m_network->alignmentHeads();
+    for (std::size_t i = 0; i < heads.size(); ++i)
+        if (heads[i].layer >= 0 && heads[i].layer < h.textLayers && heads[i].head >= 0 && heads[i].head < h.textHeads)
+            m_alignmentSlots[std::size_t(heads[i].layer)][std::size_t(heads[i].head)] = int(i);
 }
 
 void Session::attention(const float *queries, int queryStride, const float *keys, const float *values, int keyStride,
-                        int rows, int keyCount, int heads, int width, bool causal, float *out)
+                        int rows, int keyCount, int heads, int width, bool causal, float *out, const int *capture)
 {
     const int headWidth = width / heads;
     const float scale = 1.0f / std::sqrt(float(headWidth));
@@ -326,6 +334,10 @@ void Session::attention(const float *queries, int queryStride, const float *keys
                                 queryStride, keys + column, keyStride, 0.0f, s, keyCount);
                 kernels::scaledSoftmaxRows(s, std::size_t(count), std::size_t(keyCount), std::size_t(keyCount), 1.0f,
                                            causal);
+                if (capture && capture[h] >= 0)
+                    std::copy_n(s, std::size_t(count) * std::size_t(keyCount),
+                                m_alignment.data() +
+                                    (std::size_t(capture[h]) * m_alignmentRows + first) * std::size_t(keyCount));
                 float *o = out + first * std::size_t(width) + std::size_t(column);
                 if (count == 1)
                     cblas_sgemv(CblasRowMajor, CblasTrans, keyCount, headWidth, 1.0f, values + column, keyStride, s, 1,
@@ -340,6 +352,25 @@ void Session::attention(const float *queries, int queryStride, const float *keys
         block(0, std::size_t(rows));
     else
         workers::parallelFor(std::size_t(rows), m_threads, block, kRowGrain);
+}
+
+bool Session::attend(std::span<const int> tokens)
+{
+    const Hyperparameters &h = m_network->hparams();
+    const std::vector<AlignmentHead> &heads = m_network->alignmentHeads();
+    int layers = 0;
+    for (const AlignmentHead &head : heads)
+        layers = std::max(layers, head.layer + 1);
+    m_length = 0;
+    if (layers == 0 || tokens.empty() || int(tokens.size()) > h.textContext)
+        return false;
+    m_alignmentRows = tokens.size();
+    m_alignment.assign(heads.size() * m_alignmentRows * std::size_t(h.audioContext), 0.0f);
+    m_captureLayers = std::min(layers, h.textLayers);
+    const bool fed = decode(tokens, {}, nullptr);
+    m_captureLayers = 0;
+    m_length = 0; // the layers after the alignment heads' hold nothing for these tokens
+    return fed;
 }
 
 void Session::screenText(std::vector<char> allowed)
@@ -476,11 +507,14 @@ bool Session::decode(std::span<const int> tokens, std::span<const int> rows, flo
         normRows(m_dx.data(), m_dnormed.data(), n, d, layer.crossNorm);
         linear(m_dnormed.data(), n, layer.crossQuery, m_dquery.data(), m_threads);
         const float *cross = m_crossKeyValues[l].data();
-        if (n == 1)
+        const bool capturing = int(l) < m_captureLayers;
+        if (n == 1 && !capturing)
             crossAttentionOne(l, m_dquery.data(), m_dattended.data());
         else
             attention(m_dquery.data(), d, cross, cross + d, 2 * d, n, h.audioContext, h.textHeads, d, false,
-                      m_dattended.data());
+                      m_dattended.data(), capturing ? m_alignmentSlots[l].data() : nullptr);
+        if (capturing && int(l) + 1 == m_captureLayers)
+            break; // nothing later reaches the alignment heads
         linear(m_dattended.data(), n, layer.crossOut, m_dnormed.data(), m_threads);
         kernels::add(m_dx.data(), m_dnormed.data(), span);
 

@@ -60,12 +60,16 @@ public:
     const Hyperparameters &hparams() const { return m_hparams; }
     const std::vector<std::string> &vocabulary() const { return m_vocabulary; }
     const std::vector<float> &melFilters() const { return m_melFilters; }
+    // The decoder's heads whose cross-attention follows the speech: the model's own list, else the published one
+    // for its shape.
+    const std::vector<AlignmentHead> &alignmentHeads() const { return m_alignmentHeads; }
 
 private:
     friend class Session;
     Network() = default;
 
     Hyperparameters m_hparams;
+    std::vector<AlignmentHead> m_alignmentHeads;
     std::vector<std::string> m_vocabulary;
     std::vector<float> m_melFilters;
 
@@ -112,11 +116,21 @@ public:
     // rest are estimates good to about 1e-2, used only in the probability sums. Empty: exact throughout.
     void screenText(std::vector<char> allowed);
 
+    // Feeds `tokens` from the start of the window, as decode() would, but only through the last layer that has an
+    // alignment head and without logits, keeping those heads' cross-attention for alignmentWeights(). Forgets the
+    // tokens decoded before. Answers false when the tokens exceed the text context or there are no such heads.
+    bool attend(std::span<const int> tokens);
+    // After attend(): {alignment heads, tokens, audioContext}, heads in alignmentHeads() order, each row the
+    // softmax over every audio position.
+    std::span<const float> alignmentWeights() const { return m_alignment; }
+
 private:
     void encoderLayer(const EncoderLayer &layer);
     void crossAttentionOne(std::size_t layer, const float *query, float *out);
+    // `capture`, when given, names for each head its place among the alignment heads (−1 for none): those heads'
+    // weights are copied to m_alignment.
     void attention(const float *queries, int queryStride, const float *keys, const float *values, int keyStride,
-                   int rows, int keyCount, int heads, int width, bool causal, float *out);
+                   int rows, int keyCount, int heads, int width, bool causal, float *out, const int *capture = nullptr);
 
     std::shared_ptr<const Network> m_network;
     int m_threads = 1;
@@ -152,6 +166,12 @@ private:
     std::vector<float> m_dattended;
     std::vector<float> m_dhidden;
     std::vector<float> m_dscores;
+
+    // Per decoder layer, each head's place among the alignment heads or −1; filled while attend() runs.
+    std::vector<std::vector<int>> m_alignmentSlots;
+    int m_captureLayers = 0; // layers attend() runs through; 0 outside it
+    std::size_t m_alignmentRows = 0;
+    std::vector<float> m_alignment;
 };
 
 // Sinusoidal positions: for each position, `width / 2` sines then as many cosines, with time scales

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <random>
 
 namespace qm::whisper {
@@ -15,6 +16,10 @@ constexpr int kMaxPrompt = 223;
 constexpr int kMaxNewTokens = 224;
 constexpr double kTemperatures[] = {0.0, 0.2, 0.4, 0.6, 0.8, 1.0};
 constexpr float kSilentPeak = 1e-3f; // −60 dBFS: nothing the model could hear as speech
+// A window that starts with more than a second unheard starts again 0.3 s before the sound: the model times speech
+// best, and never drops a first word, when the window starts just before it.
+constexpr std::int64_t kUnheardLead = 100;
+constexpr std::int64_t kLeadIn = 30;
 
 bool cancelled(const std::atomic<bool> *cancel)
 {
@@ -34,6 +39,47 @@ int sample(const std::vector<float> &logits, double temperature, std::mt19937 &r
         weights[i] = std::isfinite(logits[i]) ? std::exp((double(logits[i]) - top) / temperature) : 0.0;
     std::discrete_distribution<int> pick(weights.begin(), weights.end());
     return pick(random);
+}
+
+// Languages written without spaces between words: each character is a word.
+bool writtenWithoutSpaces(const QString &language)
+{
+    static const QStringList codes = {QStringLiteral("zh"), QStringLiteral("ja"), QStringLiteral("th"),
+                                      QStringLiteral("lo"), QStringLiteral("my"), QStringLiteral("yue")};
+    return codes.contains(language);
+}
+
+// Gives a window's segments their words, aligning its text tokens (in segment order) to the audio in one pass of
+// the decoder without timestamps. `frames` of the window carry audio; `offset` is its start in seconds. False when
+// the model has no alignment heads or nothing could be aligned.
+bool alignWindow(Session &session, const SpecialTokens &s, int language, std::span<const int> text, int frames,
+                 double offset, const LogMel &mel, float level, std::vector<TimedSegment> &segments, double &lastSpeech)
+{
+    std::vector<int> tokens{s.startOfTranscript};
+    if (s.multilingual) {
+        tokens.push_back(language);
+        tokens.push_back(s.transcribe);
+    }
+    tokens.push_back(s.noTimestamps);
+    const int firstText = int(tokens.size());
+    tokens.insert(tokens.end(), text.begin(), text.end());
+    tokens.push_back(s.endOfText);
+    if (!session.attend(tokens))
+        return false;
+    const Network &net = session.network();
+    const std::vector<TokenWord> words =
+        splitWords(net.vocabulary(), text, s.multilingual && writtenWithoutSpaces(s.languageCode(language)));
+    WindowWords window = wordTimes(session.alignmentWeights(), int(net.alignmentHeads().size()), int(tokens.size()),
+                                   net.hparams().audioContext, frames / 2, firstText, words);
+    if (window.words.empty())
+        return false;
+    for (WordTiming &word : window.words) {
+        word.start += offset;
+        word.end += offset;
+    }
+    fitToSound(window.words, mel.peaks, level, std::max(lastSpeech, offset), offset + frames / 100.0);
+    lastSpeech = placeWords(segments, window, lastSpeech);
+    return true;
 }
 
 } // namespace
@@ -135,12 +181,24 @@ Transcription transcribe(Session &session, const LogMel &mel, const TranscribeOp
     }
     std::vector<int> history;
     std::size_t promptStart = 0;
+    double lastSpeech = 0;
+    const float level = hearingLevel(mel.peaks);
     std::vector<float> window(std::size_t(kWindowFrames) * std::size_t(mel.bins));
 
     for (std::int64_t seek = 0; seek < mel.frames;) {
         if (cancelled(options.cancel)) {
             out.cancelled = true;
             return out;
+        }
+        if (options.wordTimes) {
+            const std::int64_t heard = firstHeard(mel.peaks, seek, level);
+            if (heard >= mel.frames) {
+                if (options.progress)
+                    options.progress(1.0);
+                break;
+            }
+            if (heard - seek > kUnheardLead)
+                seek = heard - kLeadIn;
         }
         const int frames = int(std::min<std::int64_t>(kWindowFrames, mel.frames - seek));
         const double offset = double(seek) / 100.0;
@@ -177,14 +235,34 @@ Transcription transcribe(Session &session, const LogMel &mel, const TranscribeOp
             seek += frames;
         } else {
             const WindowSegments split = splitWindow(result.tokens, s, offset, frames);
+            std::vector<const TimedTokens *> pieces;
+            std::vector<TimedSegment> timed;
+            std::vector<int> text;
             for (const TimedTokens &piece : split.segments) {
-                const QString text = tokenText(net.vocabulary(), piece.tokens, s.endOfText).trimmed();
-                if (text.isEmpty() || piece.end <= piece.start)
+                const std::size_t before = text.size();
+                std::copy_if(piece.tokens.begin(), piece.tokens.end(), std::back_inserter(text),
+                             [&](int token) { return token < s.endOfText; });
+                if (tokenText(net.vocabulary(), piece.tokens, s.endOfText).trimmed().isEmpty()) {
+                    text.resize(before);
                     continue;
-                out.segments.push_back(TimedText{piece.start, piece.end, text});
-                history.insert(history.end(), piece.tokens.begin(), piece.tokens.end());
+                }
+                pieces.push_back(&piece);
+                timed.push_back(TimedSegment{piece.start, piece.end, int(text.size() - before), {}});
+            }
+            const bool aligned = options.wordTimes && !timed.empty() &&
+                                 alignWindow(session, s, language, text, frames, offset, mel, level, timed, lastSpeech);
+            for (std::size_t i = 0; i < timed.size(); ++i) {
+                if (aligned ? timed[i].words.empty() : timed[i].end <= timed[i].start)
+                    continue;
+                out.segments.push_back(TimedText{timed[i].start, timed[i].end,
+                                                 tokenText(net.vocabulary(), pieces[i]->tokens, s.endOfText).trimmed(),
+                                                 std::move(timed[i].words)});
+                history.insert(history.end(), pieces[i]->tokens.begin(), pieces[i]->tokens.end());
             }
             seek += split.advance > 0 ? split.advance : frames;
+            // Unless the speech ended within the window, the next one starts where the last word ended.
+            if (aligned && !split.endsOnLoneTimestamp && lastSpeech > offset)
+                seek = std::llround(lastSpeech * 100.0);
         }
         if (result.temperature > 0.5)
             promptStart = history.size();

@@ -14,6 +14,8 @@
 
 #include <QCoroFuture>
 
+#include <cmath>
+
 namespace qm {
 
 namespace {
@@ -141,9 +143,16 @@ QCoro::Task<SegmentsResult> WhisperEngine::transcribe(EngineRequest request, Pro
     if (stop->load() || result.cancelled)
         co_return Segments{};
 
+    // Hundredths of a second: what the model resolves, and short in the transcript file.
+    const auto rounded = [](double seconds) { return std::round(seconds * 100.0) / 100.0; };
     Segments segments;
-    for (const whisper::TimedText &piece : result.segments)
-        segments.append(TranscriptSegment{QUuid::createUuid(), piece.start, piece.end, std::nullopt, piece.text});
+    for (const whisper::TimedText &piece : result.segments) {
+        QList<TranscriptWord> words;
+        for (const whisper::WordTiming &word : piece.words)
+            words.append(TranscriptWord{rounded(word.start), rounded(word.end), word.text});
+        segments.append(TranscriptSegment{QUuid::createUuid(), rounded(piece.start), rounded(piece.end), std::nullopt,
+                                          piece.text, words});
+    }
     co_return segments;
 }
 

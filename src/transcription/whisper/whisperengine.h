@@ -17,7 +17,8 @@ class Network;
 // one thread per core. The loaded model stays in memory for the next call with the same file.
 //
 // Progress texts and the result arrive on the main thread. Destroying the engine, or dropping the task it
-// returned, stops the inference within one 30-second window. Never separates speakers.
+// returned, stops the inference within one 30-second window. Never separates speakers. Segments carry their
+// words' times, to the hundredth of a second, and start and end with their words.
 class WhisperEngine : public SpeechEngine {
 public:
     explicit WhisperEngine(whisper::ModelLibrary &library);

@@ -28,6 +28,14 @@ struct Hyperparameters {
     bool multilingual() const { return vocabularySize >= 51865; }
 };
 
+// A cross-attention head of the decoder whose weights follow the speech: what word times are read from.
+struct AlignmentHead {
+    int layer = 0;
+    int head = 0;
+
+    bool operator==(const AlignmentHead &) const = default;
+};
+
 // A weight in single precision, whatever precision the file stored it in.
 // `shape` is outermost-first (row-major): a linear layer's weight is {out, in}, conv1 is {d, melBins, 3}.
 struct Tensor {
@@ -49,6 +57,7 @@ struct Model {
     std::vector<float> melFilters;       // melBins × 201, row-major; empty when the file carries none
     std::vector<std::string> vocabulary; // token id → the raw bytes it stands for; may stop before the specials
     std::unordered_map<std::string, Tensor> tensors;
+    std::vector<AlignmentHead> alignmentHeads; // as the model's own settings name them; empty when they don't
 
     // Nothing when the model lacks `name`.
     const Tensor *tensor(std::string_view name) const;

@@ -14,6 +14,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
+#include <cmath>
+
 using namespace qm;
 using qm::test::wordErrorRate;
 using qm::test::words;
@@ -71,7 +74,7 @@ private Q_SLOTS:
         QString heard;
         double lastEnd = 0;
         for (const auto &segment : *segments) {
-            heard += segment.text + u' ';
+            heard += QStringLiteral("[%1–%2] ").arg(segment.start).arg(segment.end) + segment.text + u' ';
             QVERIFY(segment.start >= lastEnd - 0.5 && segment.end >= segment.start);
             lastEnd = segment.end;
         }
@@ -86,6 +89,55 @@ private Q_SLOTS:
         // The speech ends before the audio's end, and the last words are the last words spoken.
         QVERIFY(lastEnd > 20 && lastEnd < 45);
         QCOMPARE(words(heard).value(words(heard).size() - 1), QStringLiteral("safely"));
+    }
+
+    // Segments start and end with the speech they hold, and a short word after a long silence is kept.
+    void timesFollowTheSpeech_data()
+    {
+        QTest::addColumn<QList<test::PlacedSpeech>>("pieces");
+        const auto piece = [](double pause, const char *text) {
+            return test::PlacedSpeech{pause, QString::fromUtf8(text), QStringLiteral("en-us"), 0, 0};
+        };
+        QTest::newRow("a sentence after 10 s of silence")
+            << QList{piece(10, "Please bring the quarterly report and your laptop.")};
+        QTest::newRow("a short reply, then a sentence")
+            << QList{piece(1.3, "Thanks."), piece(0.5, "Good morning everyone, today we review the budget.")};
+        QTest::newRow("pauses within one window")
+            << QList{piece(2, "Can you hear me?"), piece(4, "The kitchen on the second floor is closed."),
+                     piece(7, "Welcome back.")};
+    }
+
+    void timesFollowTheSpeech()
+    {
+        QFETCH(QList<test::PlacedSpeech>, pieces);
+        const QString audio = m_dir.filePath(QStringLiteral("placed.m4a"));
+        QVERIFY(test::writePlacedSpeech(audio, pieces, 3));
+        const auto segments = transcribe(audio, pieces.last().end + 3);
+        QVERIFY2(segments, qPrintable(segments ? QString() : segments.error().description()));
+        QString heard, timed;
+        for (const auto &segment : *segments) {
+            heard += segment.text + u' ';
+            timed += QStringLiteral("[%1–%2] ").arg(segment.start).arg(segment.end) + segment.text + u' ';
+            QVERIFY(!segment.words.isEmpty());
+            QCOMPARE(segment.start, segment.words.first().start);
+            QCOMPARE(segment.end, segment.words.last().end);
+        }
+        const QStringList said = words(heard);
+        const auto near = [&](double at, auto edge) {
+            return std::any_of(segments->begin(), segments->end(),
+                               [&](const TranscriptSegment &s) { return std::abs(edge(s) - at) <= 0.3; });
+        };
+        for (qsizetype i = 0; i < pieces.size(); ++i) {
+            const test::PlacedSpeech &p = pieces[i];
+            QVERIFY2(said.contains(words(p.text).first()), qPrintable(heard));
+            // Sentences closer than that may share a segment.
+            if (p.pause >= 1)
+                QVERIFY2(near(p.start, [](const TranscriptSegment &s) { return s.start; }),
+                         qPrintable(QStringLiteral("no segment starts at %1: %2").arg(p.start).arg(timed)));
+            if (i + 1 == pieces.size() || pieces[i + 1].pause >= 1)
+                QVERIFY2(near(p.end, [](const TranscriptSegment &s) { return s.end; }),
+                         qPrintable(QStringLiteral("no segment ends at %1: %2").arg(p.end).arg(timed)));
+        }
     }
 
     // Silence must not turn into invented sentences.

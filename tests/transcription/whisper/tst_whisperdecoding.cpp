@@ -1,5 +1,6 @@
 #include "transcription/whisper/decoding.h"
 #include "transcription/whisper/tokens.h"
+#include "transcription/whisper/wordtiming.h"
 
 #include <QTest>
 
@@ -199,6 +200,85 @@ private Q_SLOTS:
         // Bytes of one character split across tokens join before decoding; specials add nothing.
         const std::vector<int> cafe = {'c', 'a', 'f', 0xc3, 0xa9, 300};
         QCOMPARE(tokenText(vocabulary, cafe, 264), QStringLiteral("caf\u00e9"));
+    }
+
+    void wordSplitting_data()
+    {
+        QTest::addColumn<QList<int>>("tokens");
+        QTest::addColumn<bool>("spaceless");
+        QTest::addColumn<QStringList>("words"); // each word's text, then its token count
+        const int hi = 256, you = 257;
+        QTest::newRow("spaces and punctuation start words")
+            << QList<int>{hi, ',', you, 'r', '.'} << false
+            << QStringList{QStringLiteral(" hi"),   QStringLiteral("1"), QStringLiteral(","), QStringLiteral("1"),
+                           QStringLiteral(" your"), QStringLiteral("2"), QStringLiteral("."), QStringLiteral("1")};
+        QTest::newRow("a character split across tokens stays whole")
+            << QList<int>{' ', 'c', 'a', 'f', 0xc3, 0xa9} << false
+            << QStringList{QStringLiteral(" caf\u00e9"), QStringLiteral("6")};
+        QTest::newRow("without spaces, each character is a word")
+            << QList<int>{'a', 0xc3, 0xa9} << true
+            << QStringList{QStringLiteral("a"), QStringLiteral("1"), QStringLiteral("\u00e9"), QStringLiteral("2")};
+    }
+
+    void wordSplitting()
+    {
+        QFETCH(QList<int>, tokens);
+        QFETCH(bool, spaceless);
+        std::vector<std::string> vocabulary;
+        for (int b = 0; b < 256; ++b)
+            vocabulary.emplace_back(1, char(b));
+        vocabulary.emplace_back(" hi");
+        vocabulary.emplace_back(" you");
+        QStringList words;
+        for (const TokenWord &word : splitWords(vocabulary, std::vector<int>(tokens.begin(), tokens.end()), spaceless))
+            words << QString::fromStdString(word.text) << QString::number(word.tokens);
+        QTEST(words, "words");
+    }
+
+    void medianOfSevenMirrorsTheEnds()
+    {
+        std::vector<float> row{1, 9, 2, 8, 3, 7, 4, 6, 5, 0};
+        medianOfSeven(row.data(), row.size());
+        QCOMPARE(row, (std::vector<float>{8, 3, 7, 4, 6, 5, 5, 5, 5, 5}));
+    }
+
+    // One head that looks at each token's stretch of audio in turn, after 0.2 s of silence: the path through its
+    // attention gives the words' times, punctuation joins its word, and the first word, which took the silence
+    // for itself, is cut back once it follows a long pause.
+    void wordTimesFollowTheAttention()
+    {
+        // Rows: start of transcript, no timestamps (placing " Hello"), ",", " wor", "ld", ".", end of text.
+        const std::vector<TokenWord> words{{" Hello", 1}, {",", 1}, {" world", 2}, {".", 1}};
+        const std::vector<std::pair<int, int>> stretches{{10, 20}, {20, 24}, {24, 30}, {30, 35}, {35, 40}, {40, 50}};
+        constexpr int rows = 8, keys = 50;
+        std::vector<float> weights(rows * keys, 0.0f);
+        for (int k = 0; k < keys; ++k)
+            weights[k] = weights[(rows - 1) * keys + k] = 1.0f / keys;
+        for (std::size_t r = 0; r < stretches.size(); ++r)
+            for (int k = stretches[r].first; k < stretches[r].second; ++k)
+                weights[(r + 1) * keys + std::size_t(k)] = 1.0f / float(stretches[r].second - stretches[r].first);
+
+        WindowWords window = wordTimes(weights, 1, rows, keys, keys, 2, words);
+        QCOMPARE(window.words.size(), std::size_t(2));
+        const auto check = [](const WordTiming &word, const QString &text, double start, double end, int tokens) {
+            QCOMPARE(word.text, text);
+            QVERIFY2(std::abs(word.start - start) < 1e-6 && std::abs(word.end - end) < 1e-6,
+                     qPrintable(QStringLiteral("%1–%2").arg(word.start).arg(word.end)));
+            QCOMPARE(word.tokens, tokens);
+        };
+        check(window.words[0], QStringLiteral("Hello,"), 0.0, 0.40, 2);
+        check(window.words[1], QStringLiteral("world."), 0.48, 0.70, 3);
+
+        for (WordTiming &word : window.words) {
+            word.start += 10;
+            word.end += 10;
+        }
+        std::vector<TimedSegment> segments{{9.0, 12.0, 5, {}}};
+        QCOMPARE(placeWords(segments, window, 0.0), 10.70);
+        // Twice the median word length (0.16 s) before the first word's end.
+        QVERIFY(std::abs(segments[0].start - 10.08) < 1e-6);
+        QCOMPARE(segments[0].end, 10.70);
+        QCOMPARE(segments[0].words.size(), std::size_t(2));
     }
 };
 
