@@ -4,6 +4,11 @@
 // and the words each invents on the silence, for every real model in the test-model cache. Without small's real
 // weights, projects small's figure from base's and the two shapes' costs with random weights.
 //
+// A timing section places espeak-ng sentences at known times with known silences between them and prints the
+// mean and 95th percentile of the error of segment starts and ends against where the sentences start and end, for
+// our engine beside faster-whisper with its word timestamps; and what our word timing costs, as the real-time
+// factor of the long audio with and without it. QM_BENCH_TIMING_ONLY=1 runs only the timing section.
+//
 // Models: every one in scripts/fetch-test-model's cache ($QM_MODEL_CACHE, by default
 // ~/.cache/quillmoor-test-models), or only the directory QM_BENCH_MODEL_DIR names. QM_BENCH_REFERENCE_COMPUTE
 // picks the reference's compute type (by default the weights' own, float32 on a processor without float16). The
@@ -11,11 +16,14 @@
 // the Python package index; without it (or without models) the benchmark says so and measures what it can.
 
 #include "randommodel.h"
+#include "support/providers/speechfixture.h"
 #include "support/wordscore.h"
 #include "transcription/whisper/frontend.h"
 #include "transcription/whisper/modellibrary.h"
 #include "transcription/whisper/network.h"
+#include "transcription/whisper/speechaudio.h"
 #include "transcription/whisper/tokens.h"
+#include "transcription/whisper/transcriber.h"
 #include "transcription/whisper/whisperengine.h"
 
 #include <QCoreApplication>
@@ -34,7 +42,9 @@
 #include <QThread>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <optional>
 
 using namespace qm;
@@ -226,7 +236,7 @@ QString referencePython()
     return python;
 }
 
-Outcome runReference(const QString &python, const QString &model, const QString &audio)
+Outcome runReference(const QString &python, const QString &model, const QString &audio, bool words = false)
 {
     Outcome outcome;
     if (python.isEmpty()) {
@@ -236,7 +246,8 @@ Outcome runReference(const QString &python, const QString &model, const QString 
     QByteArray out;
     if (!run(python,
              {QStringLiteral(QM_BENCH_DIR "/ondevice-reference.py"), model, audio, QString::number(threads),
-              QStringLiteral("en"), qEnvironmentVariable("QM_BENCH_REFERENCE_COMPUTE", QStringLiteral("default"))},
+              QStringLiteral("en"), qEnvironmentVariable("QM_BENCH_REFERENCE_COMPUTE", QStringLiteral("default")),
+              words ? QStringLiteral("words") : QString()},
              &out)) {
         outcome.note = QStringLiteral("faster-whisper failed");
         return outcome;
@@ -254,6 +265,96 @@ Outcome runReference(const QString &python, const QString &model, const QString 
     outcome.note = answer.value(QLatin1String("compute_type")).toString();
     outcome.ok = true;
     return outcome;
+}
+
+// The timing section's sentences: the silence before each, and the words. Short replies after long silences are
+// where a start is easiest to lose.
+const std::pair<double, const char *> timedSentences[] = {
+    {10.0, "Thanks."},
+    {0.7, "Good morning everyone, today we review the plan for the new office."},
+    {3.0, "Can you hear me?"},
+    {1.2, "The budget is ready and the numbers look better than last month."},
+    {8.0, "Yes."},
+    {0.6, "I think we should move the deadline to Friday."},
+    {4.5, "Let us take a short break and come back in ten minutes."},
+    {12.0, "Welcome back."},
+    {1.5, "Next on the list is the hiring plan for the summer."},
+    {2.2, "Who wants to start?"},
+    {0.9, "I can, if nobody else has questions about the budget."},
+    {5.0, "That sounds fine to me."},
+    {1.8, "The printer on the third floor is broken again."},
+    {6.0, "Right."},
+    {2.5, "Please send the notes to everyone before lunch."},
+    {1.1, "I will add the slides from the design review as well."},
+    {15.0, "Sorry, I was on mute."},
+    {3.5, "Could you repeat the last question?"},
+    {1.4, "We asked whether the office opens in spring or in autumn."},
+    {2.8, "Spring, if the painters finish on time."},
+};
+constexpr double timedTrailing = 6.0;
+// Boundaries next to a pause at least this long are measured: closer sentences may share a segment.
+constexpr double measuredPause = 1.0;
+
+struct Errors {
+    double mean = 0;
+    double p95 = 0;
+    qsizetype count = 0;
+};
+
+Errors errorsOf(std::vector<double> errors)
+{
+    Errors e;
+    e.count = qsizetype(errors.size());
+    if (errors.empty())
+        return e;
+    std::sort(errors.begin(), errors.end());
+    for (double error : errors)
+        e.mean += error / double(errors.size());
+    e.p95 = errors[std::size_t(std::ceil(0.95 * double(errors.size()))) - 1]; // nearest rank
+    return e;
+}
+
+struct TimingFigures {
+    Errors starts;      // each sentence after a pause: the nearest segment start
+    Errors ends;        // each sentence before a pause: the nearest segment end
+    double silence = 0; // share of the segments' time that holds no speech
+    double segmentSeconds = 0;
+};
+
+TimingFigures timingOf(const Segments &segments, const QList<test::PlacedSpeech> &sentences)
+{
+    const auto nearest = [&](double at, auto edge) {
+        double best = 1e9;
+        for (const TranscriptSegment &segment : segments)
+            best = std::min(best, std::abs(at - edge(segment)));
+        return best;
+    };
+    std::vector<double> starts, ends;
+    for (qsizetype i = 0; i < sentences.size(); ++i) {
+        if (sentences[i].pause >= measuredPause)
+            starts.push_back(nearest(sentences[i].start, [](const TranscriptSegment &s) { return s.start; }));
+        if (i + 1 == sentences.size() || sentences[i + 1].pause >= measuredPause)
+            ends.push_back(nearest(sentences[i].end, [](const TranscriptSegment &s) { return s.end; }));
+    }
+    TimingFigures f{errorsOf(starts), errorsOf(ends), 0, 0};
+    double speech = 0;
+    for (const TranscriptSegment &segment : segments) {
+        f.segmentSeconds += segment.end - segment.start;
+        for (const test::PlacedSpeech &sentence : sentences)
+            speech += std::max(0.0, std::min(segment.end, sentence.end) - std::max(segment.start, sentence.start));
+        if (qEnvironmentVariableIsSet("QM_BENCH_TRANSCRIPTS"))
+            std::printf("  [%7.2f %7.2f] %s\n", segment.start, segment.end, qPrintable(segment.text));
+    }
+    f.silence = f.segmentSeconds > 0 ? 1 - speech / f.segmentSeconds : 0;
+    return f;
+}
+
+void printTiming(const char *side, const TimingFigures &f)
+{
+    std::printf("%s starts: mean %.2f s, p95 %.2f s (%lld); ends: mean %.2f s, p95 %.2f s (%lld); "
+                "no speech in %.0f%% of the segments' time\n",
+                side, f.starts.mean, f.starts.p95, static_cast<long long>(f.starts.count), f.ends.mean, f.ends.p95,
+                static_cast<long long>(f.ends.count), 100 * f.silence);
 }
 
 // Model directories to measure, smallest first: name → path.
@@ -313,6 +414,109 @@ std::optional<ShapeCost> shapeCost(const QString &size)
     return cost;
 }
 
+// Speed and words: the long audio through both engines. Answers whether the aims were met.
+bool speedSection(const QString &name, const QString &path, const QString &audio, const QString &warmUp,
+                  double audioSeconds, double speechEnd, const QString &python, std::optional<double> &baseRtf,
+                  bool &smallMeasured)
+{
+    const Outcome ours = runOurs(path, audio, warmUp, audioSeconds);
+    const Outcome reference = runReference(python, path, audio);
+    std::optional<Figures> a, b;
+    if (ours.ok) {
+        a = figuresOf(ours, audioSeconds, speechEnd);
+        std::printf("ours:           RTF %.3f (%.1f s)  WER %.3f  words on silence %lld\n", a->rtf, ours.seconds,
+                    a->wer, static_cast<long long>(a->silenceWords));
+    } else {
+        std::printf("ours:           not measured: %s\n", qPrintable(ours.note));
+    }
+    if (reference.ok) {
+        b = figuresOf(reference, audioSeconds, speechEnd);
+        std::printf("faster-whisper: RTF %.3f (%.1f s)  WER %.3f  words on silence %lld  (%s)\n", b->rtf,
+                    reference.seconds, b->wer, static_cast<long long>(b->silenceWords), qPrintable(reference.note));
+    } else {
+        std::printf("faster-whisper: not measured: %s\n", qPrintable(reference.note));
+    }
+    if (!a)
+        return false;
+    bool met = true;
+    if (b) {
+        std::printf("ratio ours/faster-whisper: %.2f (aim <= 1.00 at equal or better WER)\n", a->rtf / b->rtf);
+        met = a->rtf <= b->rtf && a->wer <= b->wer + 0.005;
+    }
+    const bool base = name.startsWith(QLatin1String("base")), small = name.startsWith(QLatin1String("small"));
+    if (base)
+        baseRtf = a->rtf;
+    smallMeasured = smallMeasured || small;
+    if (base || small) {
+        const double aim = base ? 0.06 : 0.2;
+        std::printf("%s RTF aim <= %.2f: %s\n", qPrintable(name), aim, a->rtf <= aim ? "met" : "missed");
+        met = met && a->rtf <= aim;
+    }
+    return met && a->silenceWords == 0;
+}
+
+// Timing: the placed sentences through both engines, the reference with its word timestamps.
+bool timingSection(const QString &path, const QString &timedAudio, const QString &warmUp, double timedSeconds,
+                   const QList<test::PlacedSpeech> &sentences, const QString &python)
+{
+    std::printf("-- timing: %lld sentences in %.0f s, silences of 0.6-15 s between them; starts after and ends "
+                "before silences of %.0f s or more\n",
+                static_cast<long long>(sentences.size()), timedSeconds, measuredPause);
+    std::fflush(stdout);
+    const Outcome ours = runOurs(path, timedAudio, warmUp, timedSeconds);
+    const Outcome reference = runReference(python, path, timedAudio, true);
+    bool met = false;
+    if (ours.ok) {
+        const TimingFigures t = timingOf(ours.segments, sentences);
+        printTiming("ours:           ", t);
+        met = t.starts.p95 <= 0.3 && t.ends.p95 <= 0.3;
+        std::printf("timing aim p95 <= 0.30 s for starts and ends: %s\n", met ? "met" : "missed");
+    } else {
+        std::printf("ours:            not measured: %s\n", qPrintable(ours.note));
+    }
+    if (reference.ok)
+        printTiming("faster-whisper: ", timingOf(reference.segments, sentences));
+    else
+        std::printf("faster-whisper:  not measured: %s\n", qPrintable(reference.note));
+    return met;
+}
+
+// What word timing costs: the long audio through the engine's own loop with and without it, alternately, the
+// fastest of three runs of each.
+void costSection(const QString &path, const QString &audio, double audioSeconds)
+{
+    auto loaded = whisper::loadModel(path);
+    const auto samples = whisper::readSpeechAudio(audio);
+    auto network =
+        loaded ? whisper::Network::create(std::move(*loaded)) : unexpected(whisper::ModelError{loaded.error().reason});
+    if (!network || !samples) {
+        std::printf("word timing cost: not measured\n");
+        return;
+    }
+    whisper::Session session(*network, threads);
+    // Processor time as well as wall time: on a shared machine it is the steadier of the two.
+    const auto processorSeconds = [] {
+        timespec t{};
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+        return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
+    };
+    double wall[2] = {1e9, 1e9}, processor[2] = {1e9, 1e9};
+    QElapsedTimer timer;
+    for (int run = 0; run < 3; ++run)
+        for (const int words : {0, 1}) {
+            whisper::TranscribeOptions options;
+            options.language = QStringLiteral("en");
+            options.wordTimes = words == 1;
+            timer.start();
+            const double before = processorSeconds();
+            whisper::transcribe(session, *samples, options);
+            processor[words] = std::min(processor[words], processorSeconds() - before);
+            wall[words] = std::min(wall[words], double(timer.nsecsElapsed()) / 1e9);
+        }
+    std::printf("word timing cost: RTF %.4f without, %.4f with: ratio %.3f (processor time: ratio %.3f)\n",
+                wall[0] / audioSeconds, wall[1] / audioSeconds, wall[1] / wall[0], processor[1] / processor[0]);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -342,9 +546,25 @@ int main(int argc, char *argv[])
         return 1;
     }
     const double audioSeconds = durationOf(audio);
+    const QString timedAudio = scratch.filePath(QStringLiteral("timed.m4a"));
+    QList<test::PlacedSpeech> sentences;
+    const QStringList voices{QStringLiteral("en-us"), QStringLiteral("en-gb"), QStringLiteral("en-us+f3"),
+                             QStringLiteral("en-gb-scotland")};
+    for (const auto &[pause, text] : timedSentences)
+        sentences.append({pause, QString::fromUtf8(text), voices.at(sentences.size() % voices.size()), 0, 0});
+    if (!test::writePlacedSpeech(timedAudio, sentences, timedTrailing)) {
+        std::printf("espeak-ng or sox failed; nothing to measure\n");
+        return 1;
+    }
+    const double timedSeconds = durationOf(timedAudio);
+    if (qEnvironmentVariableIsSet("QM_BENCH_TRANSCRIPTS"))
+        for (const test::PlacedSpeech &sentence : sentences)
+            std::printf("  sentence [%7.2f %7.2f] %s\n", sentence.start, sentence.end, qPrintable(sentence.text));
     std::printf("audio: %.0f s of speech (%lld words) then %.0f s of silence\n", *speechEnd,
                 static_cast<long long>(words(QString::fromUtf8(knownText)).size()), silenceSeconds);
     const QString python = referencePython();
+    // QM_BENCH_TIMING_ONLY=1 measures only the timing section.
+    const bool timingOnly = qEnvironmentVariableIsSet("QM_BENCH_TIMING_ONLY");
 
     bool met = true;
     std::optional<double> baseRtf;
@@ -352,41 +572,12 @@ int main(int argc, char *argv[])
     for (const auto &[name, path] : found) {
         std::printf("== %s (%s)\n", qPrintable(name), qPrintable(path));
         std::fflush(stdout);
-        const Outcome ours = runOurs(path, audio, warmUp, audioSeconds);
-        const Outcome reference = runReference(python, path, audio);
-        std::optional<Figures> a, b;
-        if (ours.ok) {
-            a = figuresOf(ours, audioSeconds, *speechEnd);
-            std::printf("ours:           RTF %.3f (%.1f s)  WER %.3f  words on silence %lld\n", a->rtf, ours.seconds,
-                        a->wer, static_cast<long long>(a->silenceWords));
-        } else {
-            std::printf("ours:           not measured: %s\n", qPrintable(ours.note));
-        }
-        if (reference.ok) {
-            b = figuresOf(reference, audioSeconds, *speechEnd);
-            std::printf("faster-whisper: RTF %.3f (%.1f s)  WER %.3f  words on silence %lld  (%s)\n", b->rtf,
-                        reference.seconds, b->wer, static_cast<long long>(b->silenceWords), qPrintable(reference.note));
-        } else {
-            std::printf("faster-whisper: not measured: %s\n", qPrintable(reference.note));
-        }
-        if (!a) {
-            met = false;
-            continue;
-        }
-        if (b) {
-            std::printf("ratio ours/faster-whisper: %.2f (aim <= 1.00 at equal or better WER)\n", a->rtf / b->rtf);
-            met = met && a->rtf <= b->rtf && a->wer <= b->wer + 0.005;
-        }
-        const bool base = name.startsWith(QLatin1String("base")), small = name.startsWith(QLatin1String("small"));
-        if (base)
-            baseRtf = a->rtf;
-        smallMeasured = smallMeasured || small;
-        if (base || small) {
-            const double aim = base ? 0.06 : 0.2;
-            std::printf("%s RTF aim <= %.2f: %s\n", qPrintable(name), aim, a->rtf <= aim ? "met" : "missed");
-            met = met && a->rtf <= aim;
-        }
-        met = met && a->silenceWords == 0;
+        if (!timingOnly)
+            met = speedSection(name, path, audio, warmUp, audioSeconds, *speechEnd, python, baseRtf, smallMeasured) &&
+                  met;
+        met = timingSection(path, timedAudio, warmUp, timedSeconds, sentences, python) && met;
+        if (!timingOnly)
+            costSection(path, audio, audioSeconds);
     }
     // Without real small weights (none can be fetched here), scale base's measured figure by the larger of the
     // two cost ratios: an upper bound whatever the mix of encoding and decoding.

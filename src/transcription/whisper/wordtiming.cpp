@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 namespace qm::whisper {
@@ -188,10 +190,11 @@ std::vector<AlignmentHead> publishedAlignmentHeads(const Hyperparameters &h)
 void medianOfSeven(float *row, std::size_t count)
 {
     constexpr std::size_t pad = kMedianWidth / 2;
-    if (count <= pad)
+    if (count <= pad || count > std::size_t(1) << 30)
         return;
     std::vector<float> padded(count + 2 * pad);
-    std::copy_n(row, count, padded.begin() + pad);
+    for (std::size_t i = 0; i < count; ++i)
+        padded[pad + i] = row[i];
     for (std::size_t k = 0; k < pad; ++k) {
         padded[k] = row[pad - k];
         padded[count + pad + k] = row[count - 2 - k];
@@ -414,7 +417,7 @@ void fitToSound(std::vector<WordTiming> &words, std::span<const float> peaks, fl
     }
 
     double previousEnd = after;
-    std::vector<char> sounded(words.size(), 0);
+    std::vector<char> sounded(words.size(), 0), used(stretches.size(), 0);
     for (std::size_t i = 0; i < words.size(); ++i) {
         WordTiming &word = words[i];
         const double nextStart = i + 1 < words.size() ? words[i + 1].start : before;
@@ -430,6 +433,7 @@ void fitToSound(std::vector<WordTiming> &words, std::span<const float> peaks, fl
         }
         if (sound) {
             sounded[i] = 1;
+            used[std::size_t(sound - stretches.data())] = 1;
             // Into a pause the word moves to its sound; out of a pause at most a little, and never past a neighbour.
             if (sound->first > word.start ||
                 (word.start - sound->first <= kLongestReach && sound->first >= previousEnd)) {
@@ -443,13 +447,34 @@ void fitToSound(std::vector<WordTiming> &words, std::span<const float> peaks, fl
         }
         previousEnd = word.end;
     }
-    // A word left in a pause was misplaced: it shares the span of its nearer neighbour with sound, in proportion to
-    // their lengths in characters.
+    // A word left in a pause was misplaced: it takes the nearest sound that no word has, between its neighbours;
+    // failing that, it shares the span of its nearer neighbour with sound, in proportion to their lengths.
     for (std::size_t i = 0; i < words.size(); ++i) {
         if (sounded[i])
             continue;
         WordTiming &word = words[i];
         const double inf = std::numeric_limits<double>::infinity();
+        const double low = i > 0 ? words[i - 1].end : after;
+        double high = before;
+        for (std::size_t j = i + 1; j < words.size(); ++j)
+            if (sounded[j]) {
+                high = words[j].start;
+                break;
+            }
+        std::optional<std::size_t> nearest;
+        const auto distance = [&](std::size_t k) {
+            return std::max({0.0, stretches[k].first - word.end, word.start - stretches[k].second});
+        };
+        for (std::size_t k = 0; k < stretches.size(); ++k)
+            if (!used[k] && stretches[k].first >= low && stretches[k].second <= high &&
+                (!nearest || distance(k) < distance(*nearest)))
+                nearest = k;
+        if (nearest) {
+            std::tie(word.start, word.end) = stretches[*nearest];
+            word.heardStart = word.heardEnd = true;
+            used[*nearest] = sounded[i] = 1;
+            continue;
+        }
         const double gapBefore = i > 0 && sounded[i - 1] ? word.start - words[i - 1].end : inf;
         const double gapAfter = i + 1 < words.size() && sounded[i + 1] ? words[i + 1].start - word.end : inf;
         if (gapBefore == inf && gapAfter == inf)

@@ -80,8 +80,9 @@ std::int64_t firstHeard(std::span<const float> peaks, std::int64_t from, float l
 // Fits words (in time order, between `after` and `before` seconds) to the stretch of sound each overlaps most:
 // an edge that lies in a pause moves to the sound (the word took the pause for itself); an edge within the sound
 // moves out to where it ends when that is at most half a second away and no neighbouring word is in between.
-// Marks the edges so found. A word that overlaps no sound shares the span of its nearer neighbour that does.
-// Stretches of sound are heard frames joined across gaps shorter than 0.15 s.
+// Marks the edges so found. A word that overlaps no sound takes the nearest stretch between its neighbours that no
+// word has, else shares the span of its nearer neighbour with sound. Stretches of sound are heard frames joined
+// across gaps shorter than 0.15 s.
 void fitToSound(std::vector<WordTiming> &words, std::span<const float> peaks, float level, double after, double before);
 
 // Hands a window's words (times already in seconds of the recording) to its segments in token order and trims

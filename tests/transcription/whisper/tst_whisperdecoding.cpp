@@ -280,6 +280,31 @@ private Q_SLOTS:
         QCOMPARE(segments[0].end, 10.70);
         QCOMPARE(segments[0].words.size(), std::size_t(2));
     }
+
+    // Sound at 1–2 s, 3–3.5 s and 6–7 s. A word that took the pause before it moves to its sound, one that ran into
+    // the pause after it ends with the sound, one left in silence takes the sound nobody has, and one that starts a
+    // little late reaches back to where the sound starts.
+    void wordsFitTheSound()
+    {
+        std::vector<float> peaks(1000, 0.0f);
+        for (const auto &[from, to] : {std::pair{100, 200}, {300, 350}, {600, 700}})
+            std::fill(peaks.begin() + from, peaks.begin() + to, 0.5f);
+        std::vector<WordTiming> words{{QStringLiteral("a"), 0.2, 1.5, 1},
+                                      {QStringLiteral("b"), 1.5, 2.9, 1},
+                                      {QStringLiteral("c"), 4.5, 4.6, 1},
+                                      {QStringLiteral("d"), 6.3, 7.0, 1}};
+        fitToSound(words, peaks, hearingLevel(peaks), 0, 10);
+        QStringList got;
+        for (const WordTiming &w : words)
+            got << QStringLiteral("%1 %2-%3 %4%5")
+                       .arg(w.text)
+                       .arg(w.start)
+                       .arg(w.end)
+                       .arg(int(w.heardStart))
+                       .arg(int(w.heardEnd));
+        QCOMPARE(got, (QStringList{QStringLiteral("a 1-1.5 10"), QStringLiteral("b 1.5-2 01"),
+                                   QStringLiteral("c 3-3.5 11"), QStringLiteral("d 6-7 11")}));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestWhisperDecoding)
