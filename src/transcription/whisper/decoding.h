@@ -53,7 +53,8 @@ struct TimedTokens {
 
 struct WindowSegments {
     std::vector<TimedTokens> segments;
-    int advance = 0; // frames to move the window by
+    int advance = 0;                  // frames to move the window by
+    bool endsOnLoneTimestamp = false; // the window's speech ended within it
 };
 
 // Splits a window's tokens at consecutive timestamp pairs. When the tokens end on a lone timestamp (or have no
