@@ -1,4 +1,4 @@
-// Usage: qm_whisper_run MODEL AUDIO [LANGUAGE] [--threads N] [--profile [--screen]] [--float] [--words]
+// Usage: qm_whisper_run MODEL AUDIO [LANGUAGE] [--threads N] [--profile [--screen]] [--float] [--words] [--no-words]
 // MODEL is a ggml file, a CTranslate2 directory, or random:tiny|base|small|medium (random weights of that size,
 // for timing a size whose weights aren't at hand; its words mean nothing); AUDIO anything FFmpeg reads.
 
@@ -92,6 +92,7 @@ int main(int argc, char **argv)
     TranscribeOptions options;
     if (args.size() > 3 && !args.at(3).startsWith(u'-'))
         options.language = args.at(3);
+    options.wordTimes = !args.contains(QStringLiteral("--no-words"));
     const Transcription result = transcribe(session, *samples, options);
     const double seconds = double(clock.elapsed()) / 1000.0;
     for (const TimedText &segment : result.segments) {

@@ -110,7 +110,6 @@ WindowSegments splitWindow(std::span<const int> tokens, const SpecialTokens &spe
             cuts.push_back(i);
 
     WindowSegments out;
-    out.endsOnLoneTimestamp = endsOnLoneTimestamp;
     if (!cuts.empty()) {
         if (endsOnLoneTimestamp)
             cuts.push_back(n);

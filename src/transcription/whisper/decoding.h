@@ -53,8 +53,7 @@ struct TimedTokens {
 
 struct WindowSegments {
     std::vector<TimedTokens> segments;
-    int advance = 0;                  // frames to move the window by
-    bool endsOnLoneTimestamp = false; // the window's speech ended within it
+    int advance = 0; // frames to move the window by
 };
 
 // Splits a window's tokens at consecutive timestamp pairs. When the tokens end on a lone timestamp (or have no

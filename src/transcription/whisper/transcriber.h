@@ -39,7 +39,7 @@ struct Transcription {
 
 // Whisper's long-form transcription of 16 kHz mono audio: 30-second windows, each decoded greedily and again
 // at higher temperatures when the result is repetitive or improbable, conditioned on the text so far, moved on
-// by the last complete timestamp (by the last word's end when there are word times). Windows without sound and
+// by the last complete timestamp. Windows without sound and
 // windows the model judges silent give nothing. A window that would start with more than a second unheard starts
 // just before the sound instead. Each segment gets word times from the model's alignment heads, fitted to the
 // sound, and is trimmed to its words.
